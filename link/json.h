@@ -1,0 +1,31 @@
+// link/json.h: the one JSON value type of the program.
+//
+// Replies from the browser, request parameters, MCP messages and tool results are all held
+// as `Json`: objects keep their keys sorted bytewise, which is the order `printed` shows.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace nurel {
+
+using Json = nlohmann::json;
+
+/// The deepest nesting of arrays and objects the program reads from outside; deeper input is
+/// refused as unreadable, so that a hostile document cannot exhaust the stack.
+inline constexpr int maxDepth = 512;
+
+/// Parses `text` as a JSON document whose top level is an object or an array.
+/// Throws `JsonError` with a one-line, lower-case reason when it is not one.
+Json parseDocument(std::string_view text);
+
+/// Serialises `value` compactly (no spaces, "/" unescaped). Throws `JsonError` for a string
+/// that is not valid UTF-8.
+std::string compact(const Json& value);
+
+/// A JSON text that could not be read or written; `what()` is one lower-case line.
+class JsonError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace nurel

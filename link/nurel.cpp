@@ -1,0 +1,105 @@
+// link/nurel.cpp: connecting to the browser and exchanging request and reply lines.
+#include "link/nurel.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "link/places.h"
+
+namespace nurel {
+
+namespace {
+
+constexpr size_t readBlock = 65536;
+constexpr size_t pathBytes = 103;
+
+}  // namespace
+
+bool Nurel::attempt() {
+  int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  if (socket < 0) return false;
+  // A browser started later by connect() must not inherit our socket.
+  fcntl(socket, F_SETFD, FD_CLOEXEC);
+  sockaddr_un address;
+  std::memset(&address, 0, sizeof address);
+  address.sun_family = AF_UNIX;
+  // Paths are cut at 103 bytes, even inside a character, whatever room the platform has.
+  std::memcpy(address.sun_path, socketPath.data(), std::min(socketPath.size(), pathBytes));
+  if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(socket);
+    return false;
+  }
+  if (fd >= 0) close(fd);
+  buffer.clear();
+  searched = 0;
+  fd = socket;
+  return true;
+}
+
+void Nurel::connect() {
+  if (attempt()) return;
+  launch.start(appURL, info);
+  for (int i = 0; i < 100; ++i) {
+    launch.pause(200000);
+    if (attempt()) return;
+  }
+  throw NurelError::lost("couldn't reach " + dataName + ": is it running?");
+}
+
+std::string Nurel::nextLine() {
+  for (;;) {
+    const char* start = buffer.data();
+    if (auto* newline = static_cast<const char*>(
+            std::memchr(start + searched, '\n', buffer.size() - searched))) {
+      size_t length = newline - start;
+      std::string line(start, length);
+      buffer.erase(0, length + 1);
+      searched = 0;
+      return line;
+    }
+    searched = buffer.size();
+    size_t old = buffer.size();
+    buffer.resize(old + readBlock);
+    ssize_t got = read(fd, buffer.data() + old, readBlock);
+    buffer.resize(old + (got > 0 ? size_t(got) : 0));
+    if (got < 1) throw NurelError::lost(dataName + " closed the connection");
+  }
+}
+
+Json Nurel::call(const std::string& method, const Json& params) {
+  int64_t id = nextID++;
+  std::string request = compact(Json{{"id", id}, {"method", method}, {"params", params}});
+  request += '\n';
+  for (size_t sent = 0; sent < request.size();) {
+    ssize_t wrote = write(fd, request.data() + sent, request.size() - sent);
+    if (wrote < 1) throw NurelError::lost("lost the connection to " + dataName);
+    sent += size_t(wrote);
+  }
+  for (;;) {
+    Json reply;
+    try {
+      reply = parseDocument(nextLine());
+    } catch (const JsonError& error) {
+      throw JsonError("couldn't read a reply from " + dataName + ": " + error.what());
+    }
+    if (!reply.is_object()) continue;
+    // An error line for any id ends the call, even a stale one.
+    auto error = reply.find("error");
+    if (error != reply.end() && error->is_string())
+      throw NurelError::message(error->get<std::string>());
+    auto replyID = reply.find("id");
+    if (replyID == reply.end() || !replyID->is_number_integer()) continue;
+    if (replyID->is_number_unsigned() ? replyID->get<uint64_t>() != uint64_t(id)
+                                      : replyID->get<int64_t>() != id)
+      continue;
+    auto result = reply.find("result");
+    if (result == reply.end()) return nullptr;
+    return std::move(*result);
+  }
+}
+
+}  // namespace nurel

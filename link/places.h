@@ -1,0 +1,39 @@
+// link/places.h: where the browser lives and where its socket is, settled once at start-up.
+#pragma once
+
+#include <string>
+
+#include "link/json.h"
+
+namespace nurel {
+
+/// The application bundle that holds this executable (three folders above it).
+inline std::string appURL;
+/// The bundle's Contents/Info.plist as a dictionary; empty when missing or unreadable.
+inline Json info = Json::object();
+/// The browser's data folder name, "NurelDataName" of `info`, else "Nurel". It also names the
+/// browser in every connection message.
+inline std::string dataName = "Nurel";
+/// Where the browser listens: $NUREL_SOCKET when set (even empty), else
+/// ~/Library/Application Support/<dataName>/agent.sock.
+inline std::string socketPath;
+
+/// The bundle folder for an executable path: symbolic links resolved, then the last three
+/// path components removed ("/A/B.app/Contents/MacOS/nurel" gives "/A/B.app").
+std::string bundleOf(const std::string& executable);
+
+/// Reads `<bundle>/Contents/Info.plist` (XML or binary) into a dictionary; empty on any failure.
+Json readInfo(const std::string& bundle);
+
+/// "NurelDataName" of `info` when it is a string, else "Nurel".
+std::string dataNameOf(const Json& info);
+
+/// `environment` (the value of NUREL_SOCKET, or null when unset) or the default path.
+std::string socketPathOf(const char* environment, const std::string& home,
+                         const std::string& dataName);
+
+/// Sets `appURL`, `info`, `dataName` and `socketPath`, in that order, from the executable's
+/// path, the bundle and the environment.
+void settle(const std::string& executable);
+
+}  // namespace nurel
