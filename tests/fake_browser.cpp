@@ -59,10 +59,16 @@ std::string requestID(const std::string& line) {
 }
 
 FakeBrowser::FakeBrowser(std::vector<std::string> script)
-    : FakeBrowser((own = std::make_unique<TempDir>())->file("agent.sock"), std::move(script)) {}
+    : own(std::make_unique<TempDir>()), path(own->file("agent.sock")), script(std::move(script)) {
+  start();
+}
 
-FakeBrowser::FakeBrowser(std::string socket, std::vector<std::string> script)
-    : path(std::move(socket)), script(std::move(script)) {
+FakeBrowser::FakeBrowser(At at, std::vector<std::string> script)
+    : path(std::move(at.socket)), script(std::move(script)) {
+  start();
+}
+
+void FakeBrowser::start() {
   listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

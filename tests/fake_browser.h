@@ -40,10 +40,15 @@ class TempDir {
   std::string dir;
 };
 
+/// Where a FakeBrowser listens, when the test chooses: `FakeBrowser browser(At{path});`.
+struct At {
+  std::string socket;
+};
+
 class FakeBrowser {
  public:
-  /// Listens on `socket` (created fresh) and serves on a thread of its own.
-  explicit FakeBrowser(std::string socket, std::vector<std::string> script = {});
+  /// Listens on `at.socket` (created fresh) and serves on a thread of its own.
+  explicit FakeBrowser(At at, std::vector<std::string> script = {});
   /// Listens on "<dir>/agent.sock" in a fresh temporary folder.
   explicit FakeBrowser(std::vector<std::string> script = {});
   ~FakeBrowser();
@@ -67,6 +72,7 @@ class FakeBrowser {
   void stop();
 
  private:
+  void start();
   void serve();
   bool answer(int client, const std::string& request);
   std::string nextAction();

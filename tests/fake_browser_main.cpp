@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
     for (std::string line; std::getline(in, line);)
       if (!line.empty()) script.push_back(line);
   }
-  nurel::testing::FakeBrowser browser(argv[1], script);
+  nurel::testing::FakeBrowser browser(nurel::testing::At{argv[1]}, script);
   size_t seen = 0;
   auto record = [&] {
     auto requests = browser.requests();

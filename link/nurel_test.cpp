@@ -1,0 +1,350 @@
+// link/nurel_test.cpp: connecting, launching and the request/reply exchange, in process.
+#include "link/nurel.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "link/places.h"
+#include "tests/fake_browser.h"
+
+namespace nurel {
+namespace {
+
+using testing::FakeBrowser;
+using testing::TempDir;
+
+// Records launches and pauses instead of starting anything or sleeping; can bring a fake
+// browser up on a given pause, as a browser that takes a while to start would.
+class RecordingLaunch : public Launch {
+ public:
+  void start(const std::string& bundle, const Json& info) override {
+    starts.push_back(bundle);
+    infos.push_back(info);
+  }
+  void pause(unsigned microseconds) override {
+    pauses.push_back(microseconds);
+    if (pauses.size() == upOnPause)
+      browser = std::make_unique<FakeBrowser>(testing::At{socketPath});
+  }
+  std::vector<std::string> starts;
+  std::vector<Json> infos;
+  std::vector<unsigned> pauses;
+  size_t upOnPause = 0;
+  std::unique_ptr<FakeBrowser> browser;
+};
+
+class LinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    appURL = "/Applications/Nurel.app";
+    info = Json::object();
+    dataName = "Nurel";
+  }
+  void TearDown() override { dataName = "Nurel"; }
+  RecordingLaunch launch;
+};
+
+Json params(const std::string& line) { return Json::parse(line).at("params"); }
+
+TEST_F(LinkTest, FirstAttemptSucceedsWithoutLaunching) {
+  FakeBrowser browser({R"({"id":$id,"result":"t1"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json("t1"), nurel.call("open", {{"url", "https://example.com"}}));
+  EXPECT_TRUE(launch.starts.empty());
+  EXPECT_TRUE(launch.pauses.empty());
+}
+
+TEST_F(LinkTest, LaunchesThenPollsUntilTheBrowserAnswers) {
+  TempDir dir;
+  socketPath = dir.file("late.sock");
+  launch.upOnPause = 3;
+  Nurel nurel(launch);
+  nurel.connect();
+  ASSERT_EQ(1u, launch.starts.size());
+  EXPECT_EQ("/Applications/Nurel.app", launch.starts[0]);
+  EXPECT_EQ(std::vector<unsigned>(3, 200000), launch.pauses);
+  EXPECT_EQ(Json(nullptr), nurel.call("tabs"));
+  EXPECT_TRUE(launch.browser->waitFor(1));
+}
+
+TEST_F(LinkTest, GivesUpAfterAHundredAttempts) {
+  TempDir dir;
+  socketPath = dir.file("nobody.sock");
+  Nurel nurel(launch);
+  try {
+    nurel.connect();
+    FAIL() << "connect() succeeded with nothing listening";
+  } catch (const NurelError& error) {
+    EXPECT_TRUE(error.isLost());
+    EXPECT_EQ("couldn't reach Nurel: is it running?", error.text());
+  }
+  EXPECT_EQ(1u, launch.starts.size());
+  EXPECT_EQ(100u, launch.pauses.size());
+}
+
+TEST_F(LinkTest, TheMessageNamesTheDataName) {
+  TempDir dir;
+  socketPath = dir.file("nobody.sock");
+  dataName = "Nurel Beta";
+  Nurel nurel(launch);
+  try {
+    nurel.connect();
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_EQ("couldn't reach Nurel Beta: is it running?", error.text());
+  }
+}
+
+TEST_F(LinkTest, TheLaunchIsGivenTheBundleAndItsInfo) {
+  TempDir dir;
+  socketPath = dir.file("nobody.sock");
+  info = {{"CFBundleExecutable", "Nurel"}};
+  Nurel nurel(launch);
+  EXPECT_THROW(nurel.connect(), NurelError);
+  ASSERT_EQ(1u, launch.infos.size());
+  EXPECT_EQ(info, launch.infos[0]);
+}
+
+TEST_F(LinkTest, AnEmptySocketPathIsUsedAsItIs) {
+  socketPath = "";
+  Nurel nurel(launch);
+  EXPECT_THROW(nurel.connect(), NurelError);
+  EXPECT_EQ(1u, launch.starts.size());
+  EXPECT_EQ(100u, launch.pauses.size());
+}
+
+TEST_F(LinkTest, LongSocketPathsAreCutAt103Bytes) {
+  TempDir dir;
+  std::string cut = dir.path() + "/";
+  cut += std::string(103 - cut.size(), 's');
+  ASSERT_EQ(103u, cut.size());
+  FakeBrowser browser(testing::At{cut});
+  socketPath = cut + "-and-more-bytes-beyond";
+  Nurel nurel(launch);
+  nurel.connect();
+  nurel.call("tabs");
+  EXPECT_TRUE(browser.waitFor(1));
+  EXPECT_TRUE(launch.starts.empty());
+}
+
+TEST_F(LinkTest, ReconnectingClosesTheOldDescriptorAndDropsBufferedBytes) {
+  // The first reply carries a second line after it, which stays buffered.
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":1,\"result\":\"first\"}\n{\"id\":2,\"result\":\"stale\"}\n")",
+       R"({"id":$id,"result":"fresh"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  int old = nurel.descriptor();
+  EXPECT_EQ(Json("first"), nurel.call("tabs"));
+  nurel.connect();
+  EXPECT_NE(-1, nurel.descriptor());
+  EXPECT_EQ(-1, fcntl(old, F_GETFD)) << "the old descriptor is still open";
+  EXPECT_EQ(Json("fresh"), nurel.call("tabs"));
+  EXPECT_EQ(2, browser.connections());
+}
+
+TEST_F(LinkTest, DestroyingALinkLeavesItsDescriptorOpen) {
+  FakeBrowser browser;
+  socketPath = browser.socket();
+  int fd = -1;
+  {
+    Nurel nurel(launch);
+    nurel.connect();
+    fd = nurel.descriptor();
+  }
+  EXPECT_NE(-1, fcntl(fd, F_GETFD));
+  close(fd);
+}
+
+TEST_F(LinkTest, IdsCountFromOneAndAreUsedUpByFailedCalls) {
+  FakeBrowser browser({R"({"id":$id,"error":"no such tab"})", R"({"id":$id,"result":2})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_THROW(nurel.call("close", {{"tab", "t9"}}), NurelError);
+  EXPECT_EQ(Json(2), nurel.call("tabs"));
+  auto requests = browser.requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(1, Json::parse(requests[0])["id"]);
+  EXPECT_EQ(2, Json::parse(requests[1])["id"]);
+}
+
+TEST_F(LinkTest, RequestsAreCompactLinesWithMethodAndParams) {
+  FakeBrowser browser;
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  nurel.call("click", {{"tab", "t1"}, {"ref", "e5"}});
+  nurel.call("tabs");
+  auto requests = browser.requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(R"({"id":1,"method":"click","params":{"ref":"e5","tab":"t1"}})", requests[0]);
+  EXPECT_EQ(Json::object(), params(requests[1]));
+}
+
+TEST_F(LinkTest, AReplySplitAcrossReadsIsReassembled) {
+  FakeBrowser browser({R"(!split "{\"id\":1,\"res" "ult\":{\"a\":" "[1,2]}}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json({{"a", {1, 2}}}), nurel.call("tabs"));
+}
+
+TEST_F(LinkTest, TwoRepliesInOneReadAreBothKept) {
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":1,\"result\":\"one\"}\n{\"id\":2,\"result\":\"two\"}\n")", "!none"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json("one"), nurel.call("tabs"));
+  EXPECT_EQ(Json("two"), nurel.call("tabs"));
+}
+
+TEST_F(LinkTest, AnErrorLineForAnyIdEndsTheCall) {
+  FakeBrowser browser({R"({"id":1,"result":"late"})", R"({"id":7,"error":"stale trouble"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  nurel.call("tabs");
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_FALSE(error.isLost());
+    EXPECT_EQ("stale trouble", error.text());
+  }
+}
+
+TEST_F(LinkTest, ANonStringErrorIsNotAnError) {
+  FakeBrowser browser({R"({"id":$id,"error":{"code":1},"result":"fine"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json("fine"), nurel.call("tabs"));
+}
+
+TEST_F(LinkTest, NoResultAndNullResultBothGiveNull) {
+  FakeBrowser browser({R"({"id":$id})", R"({"id":$id,"result":null})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_TRUE(nurel.call("tabs").is_null());
+  EXPECT_TRUE(nurel.call("tabs").is_null());
+}
+
+TEST_F(LinkTest, ArraysStaleIdsAndStringIdsAreSkipped) {
+  FakeBrowser browser(
+      {R"(!bytes "[1,2]\n{\"id\":\"1\",\"result\":\"string id\"}\n{\"id\":5,\"result\":\"stale\"}\n{\"result\":\"no id\"}\n{\"id\":1.5,\"result\":\"x\"}\n{\"id\":1,\"result\":\"mine\"}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json("mine"), nurel.call("tabs"));
+}
+
+TEST_F(LinkTest, AnEmptyLineIsADecodingError) {
+  FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":1}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const JsonError& error) {
+    EXPECT_EQ(std::string("couldn't read a reply from Nurel: empty line where JSON was expected"),
+              error.what());
+  }
+}
+
+TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
+  FakeBrowser browser({R"(!bytes "42\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const JsonError& error) {
+    EXPECT_EQ(std::string("couldn't read a reply from Nurel: JSON text that is neither an "
+                          "object nor an array"),
+              error.what());
+  }
+}
+
+TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
+  FakeBrowser browser({"hello there"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const JsonError& error) {
+    std::string text = error.what();
+    EXPECT_EQ(0u, text.find("couldn't read a reply from Nurel: ")) << text;
+    EXPECT_EQ(std::string::npos, text.find('\n'));
+    EXPECT_EQ(std::string::npos, text.find("json.exception"));
+  }
+}
+
+TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
+  FakeBrowser browser({"!close"});
+  socketPath = browser.socket();
+  dataName = "Nurel Beta";
+  Nurel nurel(launch);
+  nurel.connect();
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_TRUE(error.isLost());
+    EXPECT_EQ("Nurel Beta closed the connection", error.text());
+  }
+}
+
+TEST_F(LinkTest, CallingWithoutConnectingFailsAtTheWrite) {
+  Nurel nurel(launch);
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_TRUE(error.isLost());
+    EXPECT_EQ("lost the connection to Nurel", error.text());
+  }
+}
+
+TEST_F(LinkTest, ParametersThatAreNotUtf8CannotBeSent) {
+  FakeBrowser browser;
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_THROW(nurel.call("open", {{"url", "\xff"}}), JsonError);
+  EXPECT_EQ(Json(nullptr), nurel.call("tabs"));
+  ASSERT_TRUE(browser.waitFor(1));
+  EXPECT_EQ(2, Json::parse(browser.requests()[0])["id"]) << "nothing was written for id 1";
+}
+
+TEST_F(LinkTest, ALongReplyArrivingInManyReadsIsOneLine) {
+  std::string big(3 * 65536 + 17, 'x');
+  FakeBrowser browser({R"({"id":$id,"result":")" + big + R"("})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json(big), nurel.call("text"));
+}
+
+TEST_F(LinkTest, ATrickledReplyIsReassembled) {
+  FakeBrowser browser({R"(!trickle "{\"id\":1,\"result\":[\"slow\"]}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json({"slow"}), nurel.call("tabs"));
+}
+
+}  // namespace
+}  // namespace nurel

@@ -1,0 +1,116 @@
+// tests/bundle_test.cpp: the program inside a browser bundle: finding the bundle's data name,
+// starting the browser when nothing answers, and giving up after the attempts.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/fake_browser.h"
+#include "tests/run_nurel.h"
+
+namespace nurel::testing {
+namespace {
+
+// A bundle Nurel.app holding a copy of the program and, as its browser, a script that starts
+// the fake browser on $NUREL_SOCKET (or only records that it was started).
+class Bundle {
+ public:
+  explicit Bundle(const std::string& dataName = "", bool startsBrowser = true) {
+    std::filesystem::create_directories(dir.file("Nurel.app/Contents/MacOS"));
+    std::filesystem::copy_file(NUREL_BINARY, program());
+    std::string plist =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>\n"
+        "<key>CFBundleExecutable</key><string>FakeBrowser</string>\n";
+    if (!dataName.empty()) plist += "<key>NurelDataName</key><string>" + dataName + "</string>\n";
+    writeTestFile(dir.file("Nurel.app/Contents/Info.plist"), plist + "</dict></plist>\n");
+    std::string script = "#!/bin/sh\necho $$ > '" + dir.file("browser.pid") + "'\n";
+    if (startsBrowser)
+      script += "exec '" + std::string(NUREL_FAKE_BROWSER) + "' \"$NUREL_SOCKET\" '" +
+                dir.file("script") + "' '" + dir.file("record") + "'\n";
+    writeTestFile(dir.file("Nurel.app/Contents/MacOS/FakeBrowser"), script, true);
+    writeTestFile(dir.file("script"), "{\"id\":$id,\"result\":\"from the launched browser\"}\n");
+  }
+  ~Bundle() {
+    if (auto pid = readFile(dir.file("browser.pid")); pid && !pid->empty())
+      kill(std::stoi(*pid), SIGTERM);
+  }
+  std::string program() const { return dir.file("Nurel.app/Contents/MacOS/nurel"); }
+  bool launched() const { return std::filesystem::exists(dir.file("browser.pid")); }
+
+  TempDir dir;
+};
+
+TEST(Bundle, StartsTheBrowserWhenNothingAnswersThenConnects) {
+  Bundle bundle;
+  RunOptions options{.env = {{"NUREL_SOCKET", bundle.dir.file("agent.sock")}}};
+  Outcome run = runProgram(bundle.program(), {"tabs", "--intent", "launch"}, options);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("from the launched browser\n", run.out);
+  EXPECT_TRUE(bundle.launched());
+  EXPECT_EQ("{\"id\":1,\"method\":\"tabs\",\"params\":{\"intent\":\"launch\"}}\n",
+            readFile(bundle.dir.file("record")).value_or(""));
+}
+
+TEST(Bundle, ARunningBrowserIsNotStartedAgain) {
+  Bundle bundle;
+  FakeBrowser browser({R"({"id":$id,"result":"already up"})"});
+  Outcome run =
+      runProgram(bundle.program(), {"tabs"}, {.env = {{"NUREL_SOCKET", browser.socket()}}});
+  EXPECT_EQ("already up\n", run.out);
+  EXPECT_FALSE(bundle.launched());
+}
+
+TEST(Bundle, TheDataNameChoosesTheDefaultSocket) {
+  Bundle bundle("Nurel Beta");
+  std::string home = bundle.dir.file("home");
+  std::string folder = home + "/Library/Application Support/Nurel Beta";
+  std::filesystem::create_directories(folder);
+  FakeBrowser browser(At{folder + "/agent.sock"}, {R"({"id":$id,"result":"beta"})"});
+  RunOptions options{.env = {{"HOME", home}}};
+  Outcome run = runProgram(bundle.program(), {"tabs"}, options);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("beta\n", run.out);
+  EXPECT_FALSE(bundle.launched());
+}
+
+TEST(Bundle, ASymbolicLinkElsewhereStillLeadsIntoTheBundle) {
+  Bundle bundle("Nurel Beta");
+  std::filesystem::create_directories(bundle.dir.file("bin"));
+  std::filesystem::create_symlink(bundle.program(), bundle.dir.file("bin/nurel"));
+  std::string home = bundle.dir.file("home");
+  std::string folder = home + "/Library/Application Support/Nurel Beta";
+  std::filesystem::create_directories(folder);
+  FakeBrowser browser(At{folder + "/agent.sock"}, {R"({"id":$id,"result":"through the link"})"});
+  Outcome run = runProgram(bundle.dir.file("bin/nurel"), {"tabs"}, {.env = {{"HOME", home}}});
+  EXPECT_EQ("through the link\n", run.out) << run.err;
+}
+
+TEST(Bundle, SocketPathsAreCutAt103Bytes) {
+  TempDir dir;
+  std::string cut = dir.path() + "/";
+  cut += std::string(103 - cut.size(), 'c');
+  FakeBrowser browser(At{cut}, {R"({"id":$id,"result":"cut"})"});
+  Outcome run = runNurel({"tabs"}, {.env = {{"NUREL_SOCKET", cut + "ut-off-here"}}});
+  EXPECT_EQ("cut\n", run.out) << run.err;
+}
+
+TEST(Bundle, AnEmptySocketPathIsTriedStartsTheBrowserAndGivesUpSlow) {
+  Bundle bundle("", false);
+  Outcome run = runProgram(bundle.program(), {"tabs"}, {.env = {{"NUREL_SOCKET", ""}}});
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("couldn't reach Nurel: is it running?\n", run.err);
+  EXPECT_EQ("", run.out);
+  EXPECT_TRUE(bundle.launched());
+}
+
+TEST(Bundle, TheFinalMessageNamesTheDataNameSlow) {
+  Bundle bundle("Nurel Beta", false);
+  Outcome run = runProgram(bundle.program(), {"snapshot", "t1"},
+                           {.env = {{"NUREL_SOCKET", bundle.dir.file("none.sock")}}});
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("couldn't reach Nurel Beta: is it running?\n", run.err);
+}
+
+}  // namespace
+}  // namespace nurel::testing
