@@ -27,7 +27,7 @@ class RecordingLaunch : public Launch {
   void pause(unsigned microseconds) override {
     pauses.push_back(microseconds);
     if (pauses.size() == upOnPause)
-      browser = std::make_unique<FakeBrowser>(testing::At{socketPath});
+      browser = std::make_unique<FakeBrowser>(testing::At{socketPath}, std::vector<std::string>{});
   }
   std::vector<std::string> starts;
   std::vector<Json> infos;
@@ -123,7 +123,7 @@ TEST_F(LinkTest, LongSocketPathsAreCutAt103Bytes) {
   std::string cut = dir.path() + "/";
   cut += std::string(103 - cut.size(), 's');
   ASSERT_EQ(103u, cut.size());
-  FakeBrowser browser(testing::At{cut});
+  FakeBrowser browser(testing::At{cut}, {});
   socketPath = cut + "-and-more-bytes-beyond";
   Nurel nurel(launch);
   nurel.connect();

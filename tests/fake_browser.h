@@ -40,7 +40,7 @@ class TempDir {
   std::string dir;
 };
 
-/// Where a FakeBrowser listens, when the test chooses: `FakeBrowser browser(At{path});`.
+/// Where a FakeBrowser listens, when the test chooses: `FakeBrowser browser(At{path}, {});`.
 struct At {
   std::string socket;
 };
@@ -48,7 +48,7 @@ struct At {
 class FakeBrowser {
  public:
   /// Listens on `at.socket` (created fresh) and serves on a thread of its own.
-  explicit FakeBrowser(At at, std::vector<std::string> script = {});
+  FakeBrowser(At at, std::vector<std::string> script);
   /// Listens on "<dir>/agent.sock" in a fresh temporary folder.
   explicit FakeBrowser(std::vector<std::string> script = {});
   ~FakeBrowser();
