@@ -43,7 +43,7 @@ class Bundle {
 
 TEST(Bundle, StartsTheBrowserWhenNothingAnswersThenConnects) {
   Bundle bundle;
-  RunOptions options{.env = {{"NUREL_SOCKET", bundle.dir.file("agent.sock")}}};
+  RunOptions options = withSocket(bundle.dir.file("agent.sock"));
   Outcome run = runProgram(bundle.program(), {"tabs", "--intent", "launch"}, options);
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ("from the launched browser\n", run.out);
@@ -55,8 +55,7 @@ TEST(Bundle, StartsTheBrowserWhenNothingAnswersThenConnects) {
 TEST(Bundle, ARunningBrowserIsNotStartedAgain) {
   Bundle bundle;
   FakeBrowser browser({R"({"id":$id,"result":"already up"})"});
-  Outcome run =
-      runProgram(bundle.program(), {"tabs"}, {.env = {{"NUREL_SOCKET", browser.socket()}}});
+  Outcome run = runProgram(bundle.program(), {"tabs"}, withSocket(browser.socket()));
   EXPECT_EQ("already up\n", run.out);
   EXPECT_FALSE(bundle.launched());
 }
@@ -67,7 +66,7 @@ TEST(Bundle, TheDataNameChoosesTheDefaultSocket) {
   std::string folder = home + "/Library/Application Support/Nurel Beta";
   std::filesystem::create_directories(folder);
   FakeBrowser browser(At{folder + "/agent.sock"}, {R"({"id":$id,"result":"beta"})"});
-  RunOptions options{.env = {{"HOME", home}}};
+  RunOptions options = withEnv("HOME", home);
   Outcome run = runProgram(bundle.program(), {"tabs"}, options);
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ("beta\n", run.out);
@@ -82,7 +81,7 @@ TEST(Bundle, ASymbolicLinkElsewhereStillLeadsIntoTheBundle) {
   std::string folder = home + "/Library/Application Support/Nurel Beta";
   std::filesystem::create_directories(folder);
   FakeBrowser browser(At{folder + "/agent.sock"}, {R"({"id":$id,"result":"through the link"})"});
-  Outcome run = runProgram(bundle.dir.file("bin/nurel"), {"tabs"}, {.env = {{"HOME", home}}});
+  Outcome run = runProgram(bundle.dir.file("bin/nurel"), {"tabs"}, withEnv("HOME", home));
   EXPECT_EQ("through the link\n", run.out) << run.err;
 }
 
@@ -91,13 +90,13 @@ TEST(Bundle, SocketPathsAreCutAt103Bytes) {
   std::string cut = dir.path() + "/";
   cut += std::string(103 - cut.size(), 'c');
   FakeBrowser browser(At{cut}, {R"({"id":$id,"result":"cut"})"});
-  Outcome run = runNurel({"tabs"}, {.env = {{"NUREL_SOCKET", cut + "ut-off-here"}}});
+  Outcome run = runNurel({"tabs"}, withSocket(cut + "ut-off-here"));
   EXPECT_EQ("cut\n", run.out) << run.err;
 }
 
 TEST(Bundle, AnEmptySocketPathIsTriedStartsTheBrowserAndGivesUpSlow) {
   Bundle bundle("", false);
-  Outcome run = runProgram(bundle.program(), {"tabs"}, {.env = {{"NUREL_SOCKET", ""}}});
+  Outcome run = runProgram(bundle.program(), {"tabs"}, withSocket(""));
   EXPECT_EQ(1, run.status);
   EXPECT_EQ("couldn't reach Nurel: is it running?\n", run.err);
   EXPECT_EQ("", run.out);
@@ -106,8 +105,8 @@ TEST(Bundle, AnEmptySocketPathIsTriedStartsTheBrowserAndGivesUpSlow) {
 
 TEST(Bundle, TheFinalMessageNamesTheDataNameSlow) {
   Bundle bundle("Nurel Beta", false);
-  Outcome run = runProgram(bundle.program(), {"snapshot", "t1"},
-                           {.env = {{"NUREL_SOCKET", bundle.dir.file("none.sock")}}});
+  Outcome run =
+      runProgram(bundle.program(), {"snapshot", "t1"}, withSocket(bundle.dir.file("none.sock")));
   EXPECT_EQ(1, run.status);
   EXPECT_EQ("couldn't reach Nurel Beta: is it running?\n", run.err);
 }

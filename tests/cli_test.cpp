@@ -16,7 +16,7 @@ namespace {
 
 const std::string usageLine = usage() + "\n";
 
-RunOptions at(const FakeBrowser& browser) { return {.env = {{"NUREL_SOCKET", browser.socket()}}}; }
+RunOptions at(const FakeBrowser& browser) { return withSocket(browser.socket()); }
 
 nlohmann::json params(const std::string& line) { return nlohmann::json::parse(line).at("params"); }
 std::string method(const std::string& line) { return nlohmann::json::parse(line).at("method"); }
@@ -24,7 +24,7 @@ std::string method(const std::string& line) { return nlohmann::json::parse(line)
 // A socket path where nothing listens.
 struct NoBrowser {
   TempDir dir;
-  RunOptions options() const { return {.env = {{"NUREL_SOCKET", dir.file("none.sock")}}}; }
+  RunOptions options() const { return withSocket(dir.file("none.sock")); }
 };
 
 TEST(Cli, NoArgumentsPrintsTheUsageAndFails) {

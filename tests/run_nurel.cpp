@@ -126,6 +126,12 @@ Outcome runProgram(const std::string& program, const std::vector<std::string>& a
   return outcome;
 }
 
+RunOptions withEnv(const std::string& name, const std::string& value) {
+  RunOptions options;
+  options.env[name] = value;
+  return options;
+}
+
 Outcome runNurel(const std::vector<std::string>& arguments, const RunOptions& options) {
   return runProgram(NUREL_BINARY, arguments, options);
 }

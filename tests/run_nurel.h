@@ -26,6 +26,11 @@ struct RunOptions {
   bool closeOutput = false;  // run with standard output already closed by the reader
 };
 
+/// Options that set one environment variable.
+RunOptions withEnv(const std::string& name, const std::string& value);
+/// Options that point NUREL_SOCKET at `socket`.
+inline RunOptions withSocket(const std::string& socket) { return withEnv("NUREL_SOCKET", socket); }
+
 /// Runs `program` with `arguments`. A run that outlives its time-out is killed (status -1).
 Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
                    const RunOptions& options = {});
