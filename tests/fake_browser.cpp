@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -29,11 +30,15 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
     text.replace(at, from.size(), to);
 }
 
-// The JSON strings after a "!word " prefix.
+// The JSON strings, separated by blanks, after a "!word " prefix.
 std::vector<std::string> pieces(const std::string& rest) {
   std::vector<std::string> out;
-  auto parsed = nlohmann::json::parse("[" + rest + "]");
-  for (auto& piece : parsed) out.push_back(piece.get<std::string>());
+  std::istringstream in(rest);
+  while ((in >> std::ws).peek() != EOF) {
+    nlohmann::json piece;
+    in >> piece;
+    out.push_back(piece.get<std::string>());
+  }
   return out;
 }
 
