@@ -100,6 +100,7 @@ TEST_F(Save, ARelativePathIsTakenFromTheCurrentFolder) {
   char cwd[4096];
   ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
   ASSERT_EQ(0, chdir(dir.path().c_str()));
+  std::filesystem::create_directories("sub");
   std::string result = save("one", "./sub/../rel.txt");
   std::string plain = save("two", "plain.txt");
   ASSERT_EQ(0, chdir(cwd));
