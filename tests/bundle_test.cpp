@@ -36,6 +36,15 @@ class Bundle {
       kill(std::stoi(*pid), SIGTERM);
   }
   std::string program() const { return dir.file("Nurel.app/Contents/MacOS/nurel"); }
+  // The launched browser records requests a moment after serving them.
+  std::string record() const {
+    for (int i = 0; i < 500; ++i) {
+      auto text = readFile(dir.file("record"));
+      if (text && !text->empty() && text->back() == '\n') return *text;
+      usleep(20000);
+    }
+    return "";
+  }
   bool launched() const { return std::filesystem::exists(dir.file("browser.pid")); }
 
   TempDir dir;
@@ -49,7 +58,7 @@ TEST(Bundle, StartsTheBrowserWhenNothingAnswersThenConnects) {
   EXPECT_EQ("from the launched browser\n", run.out);
   EXPECT_TRUE(bundle.launched());
   EXPECT_EQ("{\"id\":1,\"method\":\"tabs\",\"params\":{\"intent\":\"launch\"}}\n",
-            readFile(bundle.dir.file("record")).value_or(""));
+            bundle.record());
 }
 
 TEST(Bundle, ARunningBrowserIsNotStartedAgain) {
