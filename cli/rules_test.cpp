@@ -1,0 +1,240 @@
+// cli/rules_test.cpp: the command and option rules, in process, and the two number readings.
+#include "cli/rules.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace nurel {
+namespace {
+
+// The parameters a command line gives, written compactly with sorted keys: 390 and 390.0
+// print differently, so comparing these texts also compares integers against doubles.
+std::string sent(const std::string& command, std::vector<std::string> words) {
+  return requestParams(*findCommand(command), words).dump();
+}
+
+std::string json(const char* text) { return Json::parse(text).dump(); }
+
+// The message of the usage error a command line raises; "(none)" when it raises none.
+std::string refusal(const std::string& command, std::vector<std::string> words) {
+  try {
+    requestParams(*findCommand(command), words);
+  } catch (const UsageError& error) {
+    return error.what();
+  }
+  return "(none)";
+}
+
+TEST(Numbers, IntegersReadWithAnOptionalSign) {
+  EXPECT_EQ(12, readInteger("12"));
+  EXPECT_EQ(12, readInteger("+12"));
+  EXPECT_EQ(-3, readInteger("-3"));
+  EXPECT_EQ(0, readInteger("-0"));
+  EXPECT_EQ(7, readInteger("007"));
+}
+
+TEST(Numbers, IntegersCoverSixtyFourBitsAndNoMore) {
+  EXPECT_EQ(std::numeric_limits<std::int64_t>::max(), readInteger("9223372036854775807"));
+  EXPECT_EQ(std::numeric_limits<std::int64_t>::min(), readInteger("-9223372036854775808"));
+  EXPECT_EQ(std::nullopt, readInteger("9223372036854775808"));
+  EXPECT_EQ(std::nullopt, readInteger("-9223372036854775809"));
+  EXPECT_EQ(std::nullopt, readInteger("+99999999999999999999"));
+}
+
+TEST(Numbers, IntegersRefuseAnythingButDigits) {
+  for (const char* text : {"", "+", "-", "+-1", "-+1", "++1", "--1", "12abc", "abc", " 12", "12 ",
+                           "1.0", "1e3", "0x10", "#12", "1_000", "seven"})
+    EXPECT_EQ(std::nullopt, readInteger(text)) << '"' << text << '"';
+}
+
+TEST(Numbers, DecimalNumbersRead) {
+  EXPECT_EQ(390.0, readNumber("390"));
+  EXPECT_EQ(3.0, readNumber("+3"));
+  EXPECT_EQ(-1.5, readNumber("-1.5"));
+  EXPECT_EQ(0.5, readNumber(".5"));
+  EXPECT_EQ(0.5, readNumber("+.5"));
+  EXPECT_EQ(5.0, readNumber("5."));
+  EXPECT_EQ(1000.0, readNumber("1e3"));
+  EXPECT_EQ(1000.0, readNumber("1E+3"));
+  EXPECT_EQ(0.015, readNumber("1.5e-2"));
+  EXPECT_EQ(-150.0, readNumber("-1.5e2"));
+}
+
+TEST(Numbers, InfinityNanHexadecimalAndEmptyNeverRead) {
+  for (const char* text : {"", "inf", "-inf", "+inf", "INF", "infinity", "nan", "NaN", "-nan",
+                           "0x10", "0X1A", "0x1p3", "1p3"})
+    EXPECT_EQ(std::nullopt, readNumber(text)) << '"' << text << '"';
+}
+
+TEST(Numbers, DecimalNumbersMustReadWhole) {
+  for (const char* text : {".", "+", "-", "e5", "1e", "1e+", "+-1", "-+1", "++1", " 1", "1 ", "\t1",
+                           "1,5", "1.2.3", "1e5e5", "12abc", "1e999", "-1e999"})
+    EXPECT_EQ(std::nullopt, readNumber(text)) << '"' << text << '"';
+}
+
+TEST(Rules, DialogAcceptsWithTheRestAsText) {
+  EXPECT_EQ(json(R"({"tab":"t1","accept":true,"text":"my answer"})"),
+            sent("dialog", {"t1", "accept", "my", "answer"}));
+  EXPECT_EQ(json(R"({"tab":"t1","accept":false})"), sent("dialog", {"t1", "dismiss"}));
+}
+
+TEST(Rules, DialogSplitsAtTheFirstSpaceOnly) {
+  EXPECT_EQ(json(R"({"tab":"t1","accept":true,"text":" two  spaces"})"),
+            sent("dialog", {"t1", "  accept  two  spaces"}));
+  EXPECT_EQ(json(R"({"tab":"t1","accept":true})"), sent("dialog", {"t1", "accept "}));
+}
+
+TEST(Rules, DialogRefusesAnyOtherAnswer) {
+  EXPECT_EQ("", refusal("dialog", {"t1", "ok"}));
+  EXPECT_EQ("", refusal("dialog", {"t1", "Accept"}));
+  EXPECT_EQ("", refusal("dialog", {"t1", "accepted"}));
+  EXPECT_EQ("", refusal("dialog", {"t1", "accept\tthis"}));
+  EXPECT_EQ("", refusal("dialog", {"t1", " "}));
+}
+
+TEST(Rules, MediaTakesTabActionAndValue) {
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("media", {"t1"}));
+  EXPECT_EQ(json(R"({"tab":"t1","action":"pause"})"), sent("media", {"t1", "pause"}));
+  EXPECT_EQ(json(R"({"tab":"t1","action":"seek","value":"30"})"),
+            sent("media", {"t1", "seek", "30"}));
+  EXPECT_EQ(json(R"({"tab":"t1","action":"rate","value":"1.5"})"),
+            sent("media", {"t1", "rate", "1.5", "and", "more"}));
+}
+
+TEST(Rules, ScrollKeepsDistancesAsTypedAndIgnoresMoreWords) {
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("scroll", {"t1"}));
+  EXPECT_EQ(json(R"({"tab":"t1","dy":"-200","dx":"50"})"),
+            sent("scroll", {"t1", "-200", "50", "extra", "words"}));
+}
+
+TEST(Rules, UploadSendsEveryWordAfterTheRefAsAFile) {
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"e2","files":["a.png","b c.png","d.png"]})"),
+            sent("upload", {"t1", "e2", "a.png", "b c.png", "d.png"}));
+  EXPECT_EQ("", refusal("upload", {"t1", "e2"}));
+}
+
+TEST(Rules, BatchTakesAnArrayOfObjects) {
+  EXPECT_EQ(json(R"({"tab":"t1","actions":[{"do":"type","text":"hi"},{"do":"press_key"}]})"),
+            sent("batch", {"t1", R"([{"do":"type","text":"hi"},)", R"({"do":"press_key"}])"}));
+  EXPECT_EQ(json(R"({"tab":"t1","actions":[]})"), sent("batch", {"t1", "[]"}));
+}
+
+TEST(Rules, BatchRefusesEverythingElse) {
+  for (const char* actions : {R"({"do":"type"})", "[1]", R"([{"do":"type"},"x"])", "[[]]", "[null]",
+                              "not json", R"("text")", "", "[", "[{}]]"})
+    EXPECT_EQ("batch takes a JSON array of actions", refusal("batch", {"t1", actions})) << actions;
+}
+
+TEST(Rules, BatchRefusesArraysNestedTooDeeply) {
+  std::string deep = "[{\"a\":" + std::string(600, '[') + std::string(600, ']') + "}]";
+  EXPECT_EQ("batch takes a JSON array of actions", refusal("batch", {"t1", deep}));
+}
+
+TEST(Rules, DragPointsBecomeDoublesAndOtherTextRefs) {
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"e3","to_x":300.0,"to_y":40.0})"),
+            sent("drag", {"t1", "e3", "300, 40"}));
+  EXPECT_EQ(json(R"({"tab":"t1","from_x":10.0,"from_y":20.0,"to_ref":"1,2,3"})"),
+            sent("drag", {"t1", "10,abc,20", "1,2,3"}));
+  EXPECT_EQ(json(R"({"tab":"t1","from_x":-1.5,"from_y":2.0,"to_x":0.5,"to_y":1000.0})"),
+            sent("drag", {"t1", " \t-1.5 ,\t+2\t", ",.5,,1e3,"}));
+}
+
+TEST(Rules, DragRefusesInfinityAndLineBreaksAsNumbers) {
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"inf,5","to_ref":"1\n,2"})"),
+            sent("drag", {"t1", "inf,5", "1\n,2"}));
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"0x10,2","to_ref":"nan,nan"})"),
+            sent("drag", {"t1", "0x10,2", "nan,nan"}));
+}
+
+TEST(Rules, ClickRightBecomesTheButton) {
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"e5","button":"right","double":true})"),
+            sent("click", {"t1", "e5", "--right", "--double"}));
+}
+
+TEST(Rules, RightIsOnlyAButtonForClick) {
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"e5","right":true})"),
+            sent("hover", {"t1", "e5", "--right"}));
+}
+
+TEST(Rules, ConsoleLevelWarnWinsOverError) {
+  EXPECT_EQ(json(R"({"tab":"t1","level":"error"})"), sent("console", {"t1", "--errors"}));
+  EXPECT_EQ(json(R"({"tab":"t1","level":"warn"})"),
+            sent("console", {"t1", "--warnings", "--errors"}));
+}
+
+TEST(Rules, EmulateTheLastChoiceInTheListWins) {
+  EXPECT_EQ(json(R"({"tab":"t1","color_scheme":"system","media":"screen"})"),
+            sent("emulate", {"t1", "--system", "--dark", "--screen", "--print"}));
+  EXPECT_EQ(json(R"({"tab":"t1","color_scheme":"light","media":"print"})"),
+            sent("emulate", {"t1", "--light", "--print"}));
+}
+
+TEST(Rules, EmulateSizeIsTwoDoubles) {
+  EXPECT_EQ(json(R"({"tab":"t1","width":390.0,"height":844.0})"),
+            sent("emulate", {"t1", "--size", "390X844"}));
+  EXPECT_EQ(json(R"({"tab":"t1","width":1280.5,"height":720.0})"),
+            sent("emulate", {"t1", "--size", "xx1280.5xabcx720x"}));
+}
+
+TEST(Rules, EmulateSizeRefusesAnythingButTwoNumbers) {
+  for (const char* size : {"390 x 844", "x390", "390x", "1x2x3", "390", "", "xxx", "infxnan",
+                           "0x1p3", "390*844", "390 844", "390,844"})
+    EXPECT_EQ("--size takes <width>x<height>, as 390x844",
+              refusal("emulate", {"t1", "--size", size}))
+        << size;
+}
+
+TEST(Rules, InspectNeedsARef) {
+  Scanned scanned;
+  scanned.params = {{"tab", "t1"}};
+  scanned.positional = {"t1"};
+  EXPECT_THROW(applyRules("inspect", scanned), UsageError);
+  scanned.params["ref"] = "e5";
+  EXPECT_NO_THROW(applyRules("inspect", scanned));
+}
+
+TEST(Rules, RequestTrimsHashesThenReadsAnInteger) {
+  EXPECT_EQ(json(R"({"tab":"t1","request":7})"), sent("network", {"t1", "--request", "#7"}));
+  EXPECT_EQ(json(R"({"tab":"t1","request":12})"), sent("network", {"t1", "--request", "##12##"}));
+  EXPECT_EQ(json(R"({"tab":"t1","request":-4})"), sent("network", {"t1", "--request", "-4"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "seven"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "# 12"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "###"}));
+}
+
+TEST(Rules, LimitReadsAnIntegerWithoutTrimming) {
+  EXPECT_EQ(json(R"({"tab":"t1","limit":-3})"), sent("console", {"t1", "--limit", "-3"}));
+  EXPECT_EQ(json(R"({"tab":"t1","limit":5})"), sent("console", {"t1", "--limit", "+5"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "12abc"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "#12"}));
+  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "9223372036854775808"}));
+}
+
+TEST(Rules, PlainTurnsLabelsOffForAnyCommand) {
+  EXPECT_EQ(json(R"({"tab":"t1","labels":false})"), sent("snapshot", {"t1", "--plain"}));
+}
+
+TEST(Rules, ValuesTakesAnObject) {
+  EXPECT_EQ(json(R"({"tab":"t1","scenario":"log in","values":{"email":"a@b.c","n":2}})"),
+            sent("run", {"t1", "log", "in", "--values", R"({"email":"a@b.c","n":2})"}));
+  for (const char* values : {"[1]", "[]", "nope", "", "1", R"("x")", "{", "null"})
+    EXPECT_EQ("values takes a JSON object", refusal("run", {"t1", "s", "--values", values}))
+        << values;
+}
+
+TEST(Rules, OptionRulesRunAfterTheCommandRules) {
+  // The option rules look at what the command rules left: a request given to any command.
+  EXPECT_EQ(json(R"({"tab":"t1","level":"warn","limit":3,"request":2,"labels":false})"),
+            sent("console", {"t1", "--warnings", "--limit", "3", "--request", "2", "--plain"}));
+}
+
+TEST(Rules, OtherCommandsAndOptionsPassUnchanged) {
+  EXPECT_EQ(json(R"({"tab":"t1","text":"a","seconds":"5","timeout":"120","idle":true})"),
+            sent("wait", {"t1", "--text", "a", "--seconds", "5", "--timeout", "120", "--idle"}));
+  EXPECT_EQ(json(R"({"tab":"t1","ref":"e5","styles":"color,font-size"})"),
+            sent("inspect", {"t1", "e5", "--styles", "color,font-size"}));
+}
+
+}  // namespace
+}  // namespace nurel
