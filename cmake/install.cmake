@@ -1,0 +1,46 @@
+# cmake/install.cmake: what `cmake --install` puts where, and the packages CPack builds from the
+# same rules (`cpack -G DEB`, `cpack -G TGZ`, run in the build folder).
+#
+#   bin/nurel
+#   share/man/man1/nurel.1
+#   share/bash-completion/completions/nurel      (found by bash-completion on demand)
+#   share/zsh/site-functions/_nurel              (zsh's own folder for added functions)
+#   share/fish/vendor_completions.d/nurel.fish   (fish's folder for packaged completions)
+#
+# The completions and the page are written at build time from the usage text (completions/).
+include(GNUInstallDirs)
+
+set(NUREL_ZSH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING
+    "Where the zsh completion goes, under the prefix (Debian's zsh reads packages' ones from share/zsh/vendor-completions)")
+
+install(TARGETS nurel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_BINARY_DIR}/doc/nurel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME nurel)
+install(FILES ${PROJECT_BINARY_DIR}/completions/_nurel DESTINATION ${NUREL_ZSH_COMPLETION_DIR})
+install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+
+set(CPACK_PACKAGE_NAME nurel)
+set(CPACK_PACKAGE_VENDOR "Nurel")
+set(CPACK_PACKAGE_CONTACT "nurel maintainers" CACHE STRING "The packages' maintainer")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "command line and MCP server of the Nurel browser")
+set(CPACK_PACKAGE_DESCRIPTION
+    "nurel talks to the running Nurel browser over a local Unix-domain socket and offers its\
+ agent functions as shell commands and as an MCP server (nurel mcp) for agents' hosts.")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_GENERATOR DEB TGZ)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_SOURCE_GENERATOR TGZ)
+set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build[^/]*/" "/node_modules/")
+
+# Debian: dependencies from the libraries the binary links (dpkg-shlibdeps), under /usr.
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bash-completion")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}\n ${CPACK_PACKAGE_DESCRIPTION}")
+
+include(CPack)

@@ -1,0 +1,38 @@
+// completions/manual.h: the COMMANDS section of the manual page, written from the usage text.
+//
+// The page itself (doc/nurel.1.in) is roff written by hand; only the list of commands, with
+// their synopses and descriptions as the usage text gives them, is filled in at build time, so
+// that the page cannot lose a command or an option that the program has.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "completions/usage_model.h"
+
+namespace nurel {
+
+/// `text` as roff input text: backslashes, hyphens and apostrophes escaped, characters
+/// beyond ASCII written as \[uXXXX], and a line that would start with a control character
+/// ("." or "'") guarded with \&.
+std::string roffText(std::string_view text);
+
+/// Words longer than this many bytes get places to break a line.
+inline constexpr size_t longWord = 40;
+
+/// `line` (roff) with a zero-width break point (\:) after each comma of its long words, so
+/// that an example such as batch's JSON can wrap on a narrow page instead of overflowing it.
+std::string breakable(std::string_view line);
+
+/// A synopsis in roff: command names, literal words and options bold, placeholders italic,
+/// brackets and bars roman. Rendered, it reads exactly as `synopsis`.
+std::string roffSynopsis(std::string_view synopsis);
+
+/// One tagged paragraph per usage entry: the synopsis, then the description.
+std::string manualCommands(const UsageModel& usage);
+
+/// `page` with every line that is exactly "@COMMANDS@" replaced by `manualCommands(usage)`.
+/// Throws UsageFormatError when the page has no such line.
+std::string manualPage(std::string_view page, const UsageModel& usage);
+
+}  // namespace nurel
