@@ -183,6 +183,22 @@ TEST_F(ToolCalls, UnreadableReplyIsATextAndKeepsTheConnection) {
   EXPECT_EQ(1, fake.connections());
 }
 
+TEST_F(ToolCalls, ErrorTextThatIsNotUtf8IsRepaired) {
+  // The reader's message quotes the bytes it stopped at; they reach the agent as U+FFFD, so
+  // the answer can still be written.
+  auto& fake = browser({"\xff\xfe", R"({"id":$id,"result":"t1"})"});
+  auto answer = server.handle(
+      R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_tabs"}})");
+  ASSERT_TRUE(answer);
+  Json result = Json::parse(*answer)["result"];
+  EXPECT_EQ(true, result.value("isError", false));
+  std::string said = result["content"][0]["text"];
+  EXPECT_TRUE(said.starts_with("couldn't read a reply from Nurel: ")) << said;
+  EXPECT_NE(std::string::npos, said.find("\uFFFD")) << said;
+  EXPECT_EQ(text("t1"), call("list_tabs"));
+  EXPECT_EQ(1, fake.connections());
+}
+
 TEST_F(ToolCalls, ArgumentsGoThroughUnchanged) {
   Json arguments = {{"tab", "t1"},
                     {"script", "return 1/2"},
