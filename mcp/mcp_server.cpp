@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "catalogue/agent_guide.h"
 #include "render/render.h"
@@ -96,31 +97,43 @@ std::optional<std::string> MCPServer::handle(std::string_view line) {
 void MCPServer::run() {
   keepOutputOpen();
   std::string buffer;
-  size_t start = 0;     // where the next line begins in `buffer`
-  size_t searched = 0;  // bytes from `start` known to hold no line feed
+  size_t start = 0;       // where the next line begins in `buffer`
+  size_t searched = 0;    // bytes from `start` known to hold no line feed
+  bool skipping = false;  // inside a line too long to hold, which is dropped
   auto serve = [this](std::string_view line) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (auto answer = handle(line)) {
-      *answer += '\n';
-      // A host that stopped reading loses its answers; the server still reads to the end.
-      writeAll(1, *answer);
+    try {
+      if (auto answer = handle(line)) {
+        *answer += '\n';
+        // A host that stopped reading loses its answers; the server still reads to the end.
+        writeAll(1, *answer);
+      }
+    } catch (const std::bad_alloc&) {
     }
   };
   for (;;) {
     if (auto* newline = static_cast<const char*>(std::memchr(
             buffer.data() + start + searched, '\n', buffer.size() - start - searched))) {
       size_t end = size_t(newline - buffer.data());
-      serve(std::string_view(buffer).substr(start, end - start));
+      if (!skipping) serve(std::string_view(buffer).substr(start, end - start));
+      skipping = false;
       start = end + 1;
       searched = 0;
       continue;
     }
-    searched = buffer.size() - start;
     // Keep only the unfinished line, so memory follows the largest message.
-    buffer.erase(0, start);
+    buffer.erase(0, skipping ? buffer.size() : start);
     start = 0;
+    searched = buffer.size();
     size_t old = buffer.size();
-    buffer.resize(old + readBlock);
+    try {
+      buffer.resize(old + readBlock);
+    } catch (const std::bad_alloc&) {
+      std::string().swap(buffer);
+      old = searched = 0;
+      skipping = true;
+      buffer.resize(readBlock);
+    }
     ssize_t got;
     do got = read(0, buffer.data() + old, readBlock);
     while (got < 0 && errno == EINTR);
@@ -128,7 +141,7 @@ void MCPServer::run() {
     if (got < 1) break;
   }
   // A last line without a line feed still counts.
-  if (!buffer.empty()) serve(buffer);
+  if (!skipping && !buffer.empty()) serve(buffer);
 }
 
 }  // namespace nurel

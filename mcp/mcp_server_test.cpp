@@ -251,6 +251,29 @@ TEST(McpRun, ProgramEndsWithStatusZeroAtEndOfInput) {
   EXPECT_EQ("", outcome.err);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+#define NUREL_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define NUREL_ASAN 1
+#endif
+#endif
+
+TEST(McpRun, LineTooLongToHoldIsDroppedAndTheNextIsAnswered) {
+#ifdef NUREL_ASAN
+  GTEST_SKIP() << "AddressSanitizer needs more address space than the limit leaves";
+#endif
+  // With 60 MB of address space, a line of 100 MB cannot be held; it is dropped like any
+  // unreadable line instead of ending the server.
+  testing::RunOptions options;
+  options.input = ping1 + "\n" + std::string(100 << 20, 'x') + "\n" + ping1;
+  auto outcome = testing::runProgram(
+      "/bin/sh", {"-c", "ulimit -v 60000 && exec \"$0\" mcp", NUREL_BINARY}, options);
+  EXPECT_EQ(0, outcome.status) << outcome.err;
+  EXPECT_EQ(pong1 + "\n" + pong1 + "\n", outcome.out);
+  EXPECT_EQ("", outcome.err);
+}
+
 TEST(McpRun, ClosedOutputNeitherStopsTheServerNorReachesTheBrowser) {
   FakeBrowser browser;
   testing::RunOptions options;
