@@ -235,12 +235,14 @@ void onFree(const volatile void* pointer) {
 
 // A listening socket in a folder of its own, made once per process.
 struct Listener {
+  std::string folder;
   std::string path;
   int fd = -1;
   Listener() {
-    char folder[] = "/tmp/nurel-fuzz.XXXXXX";
-    if (!mkdtemp(folder)) std::abort();
-    path = std::string(folder) + "/agent.sock";
+    char pattern[] = "/tmp/nurel-fuzz.XXXXXX";
+    if (!mkdtemp(pattern)) std::abort();
+    folder = pattern;
+    path = folder + "/agent.sock";
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -252,20 +254,39 @@ struct Listener {
     __sanitizer_install_malloc_and_free_hooks(onMalloc, onFree);
 #endif
   }
+  ~Listener() {
+    close(fd);
+    unlink(path.c_str());
+    rmdir(folder.c_str());
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
 };
 
-// Sends `bytes` as the browser, hangs up its sending side, and drains the requests.
-void playBrowser(int peer, std::string_view bytes) {
+// Sends `bytes` as the browser and hangs up its sending side.
+void sendAndHangUp(int peer, std::string_view bytes) {
   for (size_t done = 0; done < bytes.size();) {
     ssize_t wrote = ::send(peer, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
     if (wrote < 1) break;
     done += size_t(wrote);
   }
   shutdown(peer, SHUT_WR);
+}
+
+// The browser of a long stream, on a thread of its own: it also drains the requests, which
+// would otherwise fill the socket and stop the link from writing.
+void playBrowser(int peer, std::string_view bytes) {
+  sendAndHangUp(peer, bytes);
   char block[4096];
   while (read(peer, block, sizeof block) > 0) {
   }
 }
+
+// Streams up to this size fit in the sockets' buffers both ways (with at most one request of
+// about 40 bytes per input byte), so they are played without a thread: switching threads on a
+// busy machine costs more than the whole check.
+constexpr size_t shortStream = 4096;
+constexpr int socketBuffer = 1 << 20;
 
 }  // namespace
 
@@ -281,7 +302,15 @@ std::string checkReplyStream(const uint8_t* data, size_t size) {
   }
   int peer = accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (peer < 0) return "the test's socket accepted nothing";
-  std::thread writer(playBrowser, peer, std::string_view(reinterpret_cast<const char*>(data), size));
+  std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  std::thread writer;
+  if (size <= shortStream) {
+    setsockopt(peer, SOL_SOCKET, SO_SNDBUF, &socketBuffer, sizeof socketBuffer);
+    setsockopt(nurel.descriptor(), SOL_SOCKET, SO_SNDBUF, &socketBuffer, sizeof socketBuffer);
+    sendAndHangUp(peer, bytes);
+  } else {
+    writer = std::thread(playBrowser, peer, bytes);
+  }
 
   std::string problem;
 #ifdef NUREL_FUZZ_ASAN
@@ -316,7 +345,7 @@ std::string checkReplyStream(const uint8_t* data, size_t size) {
 #endif
   // The link leaves its descriptor open on purpose; here it has served its turn.
   close(nurel.descriptor());
-  writer.join();
+  if (writer.joinable()) writer.join();
   close(peer);
   return problem;
 }

@@ -9,13 +9,29 @@ namespace {
 
 // nlohmann's messages start with "[json.exception.parse_error.101] parse error at line 1,
 // column 9: "; people want to know what was wrong, so keep only the reason after the position.
-std::string reason(const nlohmann::json::parse_error& error) {
+// The reason quotes the input it stopped at, which may be any bytes and any length: keep the
+// message one line of valid UTF-8, and short.
+std::string reason(const nlohmann::json::exception& error) {
   std::string text = error.what();
   auto colon = text.find(": ");
+  if (colon == std::string::npos) colon = text.find("] ");
   if (colon != std::string::npos) text = text.substr(colon + 2);
+  constexpr size_t longest = 200;
   std::string out;
-  for (char c : text) out += (c == '\n' || c == '\r') ? ' ' : c;
-  return out + " (at byte " + std::to_string(error.byte) + ")";
+  for (unsigned char c : text.substr(0, longest)) {
+    if (c == '\n' || c == '\r') {
+      out += ' ';
+    } else if (c >= 0x80) {
+      static const char digits[] = "0123456789abcdef";
+      out += "\\x";
+      out += digits[c >> 4];
+      out += digits[c & 15];
+    } else {
+      out += char(c);
+    }
+  }
+  if (text.size() > longest) out += "...";
+  return out;
 }
 
 }  // namespace
@@ -31,6 +47,9 @@ Json parseDocument(std::string_view text) {
   try {
     value = Json::parse(text.begin(), text.end(), guard);
   } catch (const nlohmann::json::parse_error& error) {
+    throw JsonError(reason(error) + " (at byte " + std::to_string(error.byte) + ")");
+  } catch (const nlohmann::json::exception& error) {
+    // A number too large for a double ("1e999") is refused as out of range, not as a parse error.
     throw JsonError(reason(error));
   }
   if (tooDeep) throw JsonError("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
