@@ -4,20 +4,31 @@
 #   bin/nurel
 #   share/man/man1/nurel.1
 #   share/bash-completion/completions/nurel      (found by bash-completion on demand)
-#   share/zsh/site-functions/_nurel              (zsh's own folder for added functions)
+#   share/zsh/site-functions/_nurel              (zsh's own folder for added functions; under
+#                                                 /usr, share/zsh/vendor-completions)
 #   share/fish/vendor_completions.d/nurel.fish   (fish's folder for packaged completions)
 #
 # The completions and the page are written at build time from the usage text (completions/).
 include(GNUInstallDirs)
 
-set(NUREL_ZSH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING
-    "Where the zsh completion goes, under the prefix (Debian's zsh reads packages' ones from share/zsh/vendor-completions)")
-
 install(TARGETS nurel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_BINARY_DIR}/doc/nurel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME nurel)
-install(FILES ${PROJECT_BINARY_DIR}/completions/_nurel DESTINATION ${NUREL_ZSH_COMPLETION_DIR})
+# zsh reads share/zsh/site-functions under /usr/local and under most prefixes, but a package
+# for /usr (the Debian package among them) belongs in share/zsh/vendor-completions, the folder
+# Debian's zsh reads for packages. The prefix is known only when installing: cpack installs
+# the Debian package with the prefix /usr, the tarball with a folder of its own.
+set(zsh_completion ${PROJECT_BINARY_DIR}/completions/_nurel)
+install(CODE "
+  if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+    set(zsh_folder vendor-completions)
+  else()
+    set(zsh_folder site-functions)
+  endif()
+  file(INSTALL \"${zsh_completion}\"
+       DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/\${zsh_folder}\")
+")
 install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 
@@ -40,7 +51,5 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bash-completion")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}\n ${CPACK_PACKAGE_DESCRIPTION}")
 
 include(CPack)
