@@ -30,13 +30,6 @@ Json failed(std::string text) {
   return result;
 }
 
-// An error's text as a well-formed string: a reader's message may quote the bytes it stopped
-// at, and those need not be UTF-8. Invalid sequences become U+FFFD, so the answer can be sent.
-std::string wellFormed(const std::string& text) {
-  return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace))
-      .get<std::string>();
-}
-
 // Arguments' "file" when it is a string, else the empty string.
 std::string fileOf(const Json& arguments) {
   const std::string* file = memberString(arguments, "file");
@@ -159,7 +152,7 @@ Json MCPServer::call(const std::string& name, const Json& arguments) {
   } catch (const std::bad_alloc&) {
     return failure("out of memory");
   } catch (const std::exception& error) {
-    return failure(wellFormed(error.what()));
+    return failure(error.what());
   }
 }
 

@@ -183,9 +183,9 @@ TEST_F(ToolCalls, UnreadableReplyIsATextAndKeepsTheConnection) {
   EXPECT_EQ(1, fake.connections());
 }
 
-TEST_F(ToolCalls, ErrorTextThatIsNotUtf8IsRepaired) {
-  // The reader's message quotes the bytes it stopped at; they reach the agent as U+FFFD, so
-  // the answer can still be written.
+TEST_F(ToolCalls, UnreadableReplyOfOtherBytesIsStillAnswered) {
+  // The reader's message tells the bytes it stopped at, which need not be UTF-8; the answer
+  // must still be one that can be written.
   auto& fake = browser({"\xff\xfe", R"({"id":$id,"result":"t1"})"});
   auto answer = server.handle(
       R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_tabs"}})");
@@ -194,7 +194,6 @@ TEST_F(ToolCalls, ErrorTextThatIsNotUtf8IsRepaired) {
   EXPECT_EQ(true, result.value("isError", false));
   std::string said = result["content"][0]["text"];
   EXPECT_TRUE(said.starts_with("couldn't read a reply from Nurel: ")) << said;
-  EXPECT_NE(std::string::npos, said.find("\uFFFD")) << said;
   EXPECT_EQ(text("t1"), call("list_tabs"));
   EXPECT_EQ(1, fake.connections());
 }
