@@ -19,14 +19,14 @@ install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.bash
 # for /usr (the Debian package among them) belongs in share/zsh/vendor-completions, the folder
 # Debian's zsh reads for packages. The prefix is known only when installing: cpack installs
 # the Debian package with the prefix /usr, the tarball with a folder of its own.
-set(zsh_completion ${PROJECT_BINARY_DIR}/completions/_nurel)
+set(nurel_zsh_completion ${PROJECT_BINARY_DIR}/completions/_nurel)
 install(CODE "
   if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
     set(zsh_folder vendor-completions)
   else()
     set(zsh_folder site-functions)
   endif()
-  file(INSTALL \"${zsh_completion}\"
+  file(INSTALL \"${nurel_zsh_completion}\"
        DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/\${zsh_folder}\")
 ")
 install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.fish
