@@ -1,0 +1,2 @@
+/* bench/floor.c: the floor of the start-up figures: a static program that does nothing. */
+int main(void) { return 0; }

@@ -1,0 +1,32 @@
+#!/bin/sh
+# bench/run.sh: builds nurel and the benchmark programs in Release, installs the pinned Node.js
+# MCP servers (bench/package-lock.json), and prints the four figures.
+#
+#   bench/run.sh [nurel_bench options]     e.g. bench/run.sh --figures 3 --runs 3
+#
+# NUREL_BENCH_BUILD names the build folder (default: build-bench at the top of the tree).
+set -eu
+bench=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$bench")
+build=${NUREL_BENCH_BUILD:-$root/build-bench}
+
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUREL_BENCH=ON >/dev/null
+cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_run \
+  nurel_bench_relay >/dev/null
+
+node_modules=$bench/node_modules
+if command -v node >/dev/null && command -v npm >/dev/null; then
+  # npm ci only when the installed tree is missing or older than the lock file.
+  if [ ! -f "$node_modules/.package-lock.json" ] ||
+    [ "$bench/package-lock.json" -nt "$node_modules/.package-lock.json" ]; then
+    (cd "$bench" && npm ci --no-audit --no-fund --ignore-scripts --loglevel=error >/dev/null)
+  fi
+  set -- --node "playwright-mcp=$node_modules/@playwright/mcp/cli.js" \
+    --node "chrome-devtools-mcp=$node_modules/chrome-devtools-mcp/build/src/bin/chrome-devtools-mcp.js" \
+    "$@"
+else
+  echo "run.sh: node or npm not found; figure 2 is measured without the Node.js servers" >&2
+fi
+
+exec "$build/bench/nurel_bench" --nurel "$build/nurel" --floor "$build/bench/nurel_bench_floor" \
+  --runner "$build/bench/nurel_bench_run" --relay "$build/bench/nurel_bench_relay" "$@"
