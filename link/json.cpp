@@ -1,7 +1,18 @@
 // link/json.cpp: reading and writing JSON documents with readable, one-line failures.
+//
+// Replies can hold screenshots of hundreds of MiB in one string, so both directions have a
+// fast path that moves long runs of plain characters many bytes at a time. nlohmann/json stays
+// the reference: the fast reader hands everything unusual (any error, a number out of range,
+// deep nesting) to nlohmann's parser, and the writer hands it strings that are not valid UTF-8,
+// so results and messages are nlohmann's own in every case.
 #include "link/json.h"
 
+#include <charconv>
+#include <cstdint>
+#include <cstring>
 #include <string>
+
+#include "link/large_memory.h"
 
 namespace nurel {
 
@@ -34,10 +45,8 @@ std::string reason(const nlohmann::json::exception& error) {
   return out;
 }
 
-}  // namespace
-
-Json parseDocument(std::string_view text) {
-  if (text.empty()) throw JsonError("empty line where JSON was expected");
+// The reference reader: nlohmann's parser, with the depth limit and one-line messages.
+Json parseSlowly(std::string_view text) {
   bool tooDeep = false;
   auto guard = [&tooDeep](int depth, nlohmann::json::parse_event_t, Json&) {
     if (depth > maxDepth) tooDeep = true;
@@ -53,17 +62,453 @@ Json parseDocument(std::string_view text) {
     throw JsonError(reason(error));
   }
   if (tooDeep) throw JsonError("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
+  return value;
+}
+
+// Sixteen bytes looked at together; GCC and Clang turn the operations into SSE2 or NEON.
+using Block = unsigned char __attribute__((vector_size(16)));
+
+// The first byte at or after `p` that a JSON string cannot hold as it stands: a quote, a
+// backslash, a control character or the start of a multi-byte character.
+const char* plainEnd(const char* p, const char* end) {
+  while (end - p >= 64) {
+    Block a, b, c, d;
+    std::memcpy(&a, p, 16);
+    std::memcpy(&b, p + 16, 16);
+    std::memcpy(&c, p + 32, 16);
+    std::memcpy(&d, p + 48, 16);
+    auto special = [](Block v) { return (v == '"') | (v == '\\') | (v < 0x20) | (v >= 0x80); };
+    auto any = special(a) | special(b) | special(c) | special(d);
+    uint64_t halves[2];
+    std::memcpy(halves, &any, 16);
+    if (halves[0] | halves[1]) break;
+    p += 64;
+  }
+  for (; p < end; ++p) {
+    auto c = static_cast<unsigned char>(*p);
+    if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) return p;
+  }
+  return end;
+}
+
+// The length of the well-formed UTF-8 character at `p` (RFC 3629, as nlohmann checks it), or
+// 0 for a byte sequence that is not one.
+size_t characterLength(const char* p, const char* end) {
+  auto byte = [&](size_t i) { return p + i < end ? static_cast<unsigned char>(p[i]) : 0u; };
+  auto within = [&](size_t i, unsigned low, unsigned high) {
+    return byte(i) >= low && byte(i) <= high;
+  };
+  unsigned lead = byte(0);
+  if (lead < 0x80) return 1;
+  if (lead >= 0xC2 && lead <= 0xDF) return within(1, 0x80, 0xBF) ? 2 : 0;
+  if (lead >= 0xE0 && lead <= 0xEF) {
+    unsigned low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
+    return within(1, low, high) && within(2, 0x80, 0xBF) ? 3 : 0;
+  }
+  if (lead >= 0xF0 && lead <= 0xF4) {
+    unsigned low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
+    return within(1, low, high) && within(2, 0x80, 0xBF) && within(3, 0x80, 0xBF) ? 4 : 0;
+  }
+  return 0;
+}
+
+void appendUtf8(std::string& out, uint32_t code) {
+  if (code < 0x80) {
+    out += char(code);
+  } else if (code < 0x800) {
+    out += char(0xC0 | code >> 6);
+    out += char(0x80 | (code & 0x3F));
+  } else if (code < 0x10000) {
+    out += char(0xE0 | code >> 12);
+    out += char(0x80 | (code >> 6 & 0x3F));
+    out += char(0x80 | (code & 0x3F));
+  } else {
+    out += char(0xF0 | code >> 18);
+    out += char(0x80 | (code >> 12 & 0x3F));
+    out += char(0x80 | (code >> 6 & 0x3F));
+    out += char(0x80 | (code & 0x3F));
+  }
+}
+
+// A reader for well-formed documents, in one pass, building the value as it goes. It gives
+// up (returns false) at anything it does not expect, and the caller then asks nlohmann.
+class FastReader {
+ public:
+  explicit FastReader(std::string_view text) : at(text.data()), end(text.data() + text.size()) {}
+
+  bool document(Json& out) {
+    skipSpace();
+    if (!value(out, 0)) return false;
+    skipSpace();
+    return at == end;
+  }
+
+ private:
+  void skipSpace() {
+    while (at < end && (*at == ' ' || *at == '\n' || *at == '\r' || *at == '\t')) ++at;
+  }
+  bool next(char c) {
+    skipSpace();
+    if (at == end || *at != c) return false;
+    ++at;
+    return true;
+  }
+
+  // `depth` counts the enclosing arrays and objects, as nlohmann's depth does.
+  bool value(Json& out, int depth) {
+    if (at == end || depth > maxDepth) return false;
+    switch (*at) {
+      case '{':
+        return object(out, depth);
+      case '[':
+        return array(out, depth);
+      case '"':
+        out = std::string();
+        return string(out.get_ref<std::string&>());
+      case 't':
+        return literal("true", true, out);
+      case 'f':
+        return literal("false", false, out);
+      case 'n':
+        return literal("null", nullptr, out);
+      default:
+        return number(out);
+    }
+  }
+
+  bool object(Json& out, int depth) {
+    ++at;
+    out = Json::object();
+    auto& members = out.get_ref<Json::object_t&>();
+    if (next('}')) return true;
+    for (;;) {
+      std::string key;
+      Json member;
+      skipSpace();
+      if (at == end || *at != '"' || !string(key) || !next(':')) return false;
+      skipSpace();
+      if (!value(member, depth + 1)) return false;
+      // A repeated key keeps its last value, as nlohmann does.
+      members.insert_or_assign(std::move(key), std::move(member));
+      if (next('}')) return true;
+      if (!next(',')) return false;
+    }
+  }
+
+  bool array(Json& out, int depth) {
+    ++at;
+    out = Json::array();
+    auto& items = out.get_ref<Json::array_t&>();
+    if (next(']')) return true;
+    for (;;) {
+      skipSpace();
+      items.emplace_back();
+      if (!value(items.back(), depth + 1)) return false;
+      if (next(']')) return true;
+      if (!next(',')) return false;
+    }
+  }
+
+  bool literal(std::string_view word, Json meaning, Json& out) {
+    if (size_t(end - at) < word.size() || std::string_view(at, word.size()) != word) return false;
+    at += word.size();
+    out = std::move(meaning);
+    return true;
+  }
+
+  // At the opening quote; appends the unescaped text to `out`.
+  bool string(std::string& out) {
+    ++at;
+    for (;;) {
+      const char* plain = plainEnd(at, end);
+      if (out.empty() && size_t(plain - at) >= largeBlock) {
+        out.reserve(size_t(plain - at));
+        adviseLarge(out.data(), size_t(plain - at), true);
+      }
+      out.append(at, plain);
+      at = plain;
+      if (at == end) return false;
+      auto c = static_cast<unsigned char>(*at);
+      if (c == '"') {
+        ++at;
+        return true;
+      }
+      if (c < 0x20) return false;
+      if (c == '\\') {
+        if (!escape(out)) return false;
+        continue;
+      }
+      size_t length = characterLength(at, end);
+      if (length == 0) return false;
+      out.append(at, length);
+      at += length;
+    }
+  }
+
+  bool hex4(uint32_t& code) {
+    if (end - at < 4) return false;
+    code = 0;
+    for (int i = 0; i < 4; ++i) {
+      char c = *at++;
+      code <<= 4;
+      if (c >= '0' && c <= '9') code |= uint32_t(c - '0');
+      else if (c >= 'a' && c <= 'f') code |= uint32_t(c - 'a' + 10);
+      else if (c >= 'A' && c <= 'F') code |= uint32_t(c - 'A' + 10);
+      else return false;
+    }
+    return true;
+  }
+
+  // At a backslash.
+  bool escape(std::string& out) {
+    if (end - at < 2) return false;
+    char kind = at[1];
+    at += 2;
+    switch (kind) {
+      case '"': out += '"'; return true;
+      case '\\': out += '\\'; return true;
+      case '/': out += '/'; return true;
+      case 'b': out += '\b'; return true;
+      case 'f': out += '\f'; return true;
+      case 'n': out += '\n'; return true;
+      case 'r': out += '\r'; return true;
+      case 't': out += '\t'; return true;
+      case 'u': break;
+      default: return false;
+    }
+    uint32_t code;
+    if (!hex4(code) || (code >= 0xDC00 && code <= 0xDFFF)) return false;
+    if (code >= 0xD800 && code <= 0xDBFF) {
+      uint32_t low;
+      if (end - at < 2 || at[0] != '\\' || at[1] != 'u') return false;
+      at += 2;
+      if (!hex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
+      code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+    }
+    appendUtf8(out, code);
+    return true;
+  }
+
+  // Numbers as nlohmann reads them: an integer without a minus sign is unsigned, one with it
+  // signed, anything else (and an integer out of range) a double.
+  bool number(Json& out) {
+    const char* start = at;
+    auto digits = [this] {
+      const char* first = at;
+      while (at < end && *at >= '0' && *at <= '9') ++at;
+      return at > first;
+    };
+    bool negative = at < end && *at == '-';
+    if (negative) ++at;
+    if (at < end && *at == '0') {
+      ++at;
+    } else if (!digits()) {
+      return false;
+    }
+    bool integral = true;
+    if (at < end && *at == '.') {
+      ++at;
+      if (!digits()) return false;
+      integral = false;
+    }
+    if (at < end && (*at == 'e' || *at == 'E')) {
+      ++at;
+      if (at < end && (*at == '+' || *at == '-')) ++at;
+      if (!digits()) return false;
+      integral = false;
+    }
+    if (integral && negative) {
+      int64_t n;
+      if (std::from_chars(start, at, n).ec == std::errc()) return out = n, true;
+    } else if (integral) {
+      uint64_t n;
+      if (std::from_chars(start, at, n).ec == std::errc()) return out = n, true;
+    }
+    // Out of range either way (1e999, 1e-999) is nlohmann's to judge.
+    double d;
+    if (std::from_chars(start, at, d).ec != std::errc()) return false;
+    out = d;
+    return true;
+  }
+
+  const char* at;
+  const char* end;
+};
+
+// Writes JSON as nlohmann's dump() does: compact, or indented; "/" and non-ASCII as they are.
+class Writer {
+ public:
+  Writer(std::string& out, int indent, bool strict) : out(out), indent(indent), strict(strict) {}
+
+  void value(const Json& v, int level) {
+    switch (v.type()) {
+      case Json::value_t::object:
+        return object(v.get_ref<const Json::object_t&>(), level);
+      case Json::value_t::array:
+        return array(v.get_ref<const Json::array_t&>(), level);
+      case Json::value_t::string:
+        return string(v.get_ref<const std::string&>());
+      case Json::value_t::boolean:
+        out += v.get<bool>() ? "true" : "false";
+        return;
+      case Json::value_t::null:
+        out += "null";
+        return;
+      case Json::value_t::number_integer:
+        return integer(v.get<int64_t>());
+      case Json::value_t::number_unsigned:
+        return integer(v.get<uint64_t>());
+      default:
+        // Doubles, whose shortest form is nlohmann's business, and binary values.
+        out += v.dump();
+    }
+  }
+
+ private:
+  template <typename Number>
+  void integer(Number n) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, n).ptr);
+  }
+
+  void newline(int level) {
+    if (indent < 0) return;
+    out += '\n';
+    out.append(size_t(indent) * size_t(level), ' ');
+  }
+
+  void object(const Json::object_t& members, int level) {
+    if (members.empty()) {
+      out += "{}";
+      return;
+    }
+    out += '{';
+    bool first = true;
+    for (const auto& [key, member] : members) {
+      if (!first) out += ',';
+      first = false;
+      newline(level + 1);
+      string(key);
+      out += indent < 0 ? ":" : ": ";
+      value(member, level + 1);
+    }
+    newline(level);
+    out += '}';
+  }
+
+  void array(const Json::array_t& items, int level) {
+    if (items.empty()) {
+      out += "[]";
+      return;
+    }
+    out += '[';
+    for (size_t i = 0; i < items.size(); ++i) {
+      if (i > 0) out += ',';
+      newline(level + 1);
+      value(items[i], level + 1);
+    }
+    newline(level);
+    out += ']';
+  }
+
+  void string(const std::string& text) {
+    size_t start = out.size();
+    out += '"';
+    const char* at = text.data();
+    const char* end = at + text.size();
+    for (;;) {
+      const char* plain = plainEnd(at, end);
+      out.append(at, plain);
+      at = plain;
+      if (at == end) break;
+      auto c = static_cast<unsigned char>(*at);
+      if (c >= 0x80) {
+        size_t length = characterLength(at, end);
+        if (length == 0) return invalid(text, start);
+        out.append(at, length);
+        at += length;
+        continue;
+      }
+      escape(c);
+      ++at;
+    }
+    out += '"';
+  }
+
+  void escape(unsigned char c) {
+    static const char hex[] = "0123456789abcdef";
+    switch (c) {
+      case '"': out += "\\\""; return;
+      case '\\': out += "\\\\"; return;
+      case '\b': out += "\\b"; return;
+      case '\f': out += "\\f"; return;
+      case '\n': out += "\\n"; return;
+      case '\r': out += "\\r"; return;
+      case '\t': out += "\\t"; return;
+      default:
+        out += "\\u00";
+        out += hex[c >> 4];
+        out += hex[c & 15];
+    }
+  }
+
+  // A string that is not valid UTF-8: refused, or written with nlohmann's replacements.
+  void invalid(const std::string& text, size_t start) {
+    if (strict) throw JsonError("a text that is not valid UTF-8 cannot be sent as JSON");
+    out.resize(start);
+    out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+
+  std::string& out;
+  int indent;
+  bool strict;
+};
+
+// About the size of `value` written compactly, so the text is allocated once: long strings
+// are the bulk of large documents.
+size_t sizeGuess(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::object: {
+      size_t size = 2;
+      for (const auto& [key, member] : value.get_ref<const Json::object_t&>())
+        size += key.size() + 4 + sizeGuess(member);
+      return size;
+    }
+    case Json::value_t::array: {
+      size_t size = 2;
+      for (const auto& item : value.get_ref<const Json::array_t&>()) size += 1 + sizeGuess(item);
+      return size;
+    }
+    case Json::value_t::string:
+      return value.get_ref<const std::string&>().size() + 2;
+    default:
+      return 8;
+  }
+}
+
+std::string written(const Json& value, int indent, bool strict) {
+  std::string out;
+  // One byte more, for the line feed that callers add to a message.
+  size_t guess = sizeGuess(value) + 1;
+  out.reserve(guess);
+  adviseLarge(out.data(), guess, true);
+  Writer(out, indent, strict).value(value, 0);
+  return out;
+}
+
+}  // namespace
+
+Json parseDocument(std::string_view text) {
+  if (text.empty()) throw JsonError("empty line where JSON was expected");
+  Json value;
+  if (!FastReader(text).document(value)) value = parseSlowly(text);
   if (!value.is_object() && !value.is_array())
     throw JsonError("JSON text that is neither an object nor an array");
   return value;
 }
 
-std::string compact(const Json& value) {
-  try {
-    return value.dump();
-  } catch (const nlohmann::json::type_error&) {
-    throw JsonError("a text that is not valid UTF-8 cannot be sent as JSON");
-  }
-}
+std::string compact(const Json& value) { return written(value, -1, true); }
+
+std::string indented(const Json& value) { return written(value, 2, false); }
 
 }  // namespace nurel

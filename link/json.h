@@ -14,13 +14,20 @@ using Json = nlohmann::json;
 /// refused as unreadable, so that a hostile document cannot exhaust the stack.
 inline constexpr int maxDepth = 512;
 
-/// Parses `text` as a JSON document whose top level is an object or an array.
-/// Throws `JsonError` with a one-line, lower-case reason when it is not one.
+/// Parses `text` as a JSON document whose top level is an object or an array, as nlohmann's
+/// parser does (a repeated key keeps its last value). Throws `JsonError` with a one-line,
+/// lower-case reason when it is not one.
 Json parseDocument(std::string_view text);
 
-/// Serialises `value` compactly (no spaces, "/" unescaped). Throws `JsonError` for a string
-/// that is not valid UTF-8.
+/// Serialises `value` compactly (no spaces, "/" unescaped), as nlohmann's dump() does. Throws
+/// `JsonError` for a string that is not valid UTF-8. The text has room for one more byte, so a
+/// caller can add a line feed without copying it.
 std::string compact(const Json& value);
+
+/// Serialises `value` indented by two spaces, "/" unescaped, as nlohmann's dump(2) does;
+/// strings that are not valid UTF-8 get U+FFFD in place of their invalid bytes. Never throws
+/// JsonError.
+std::string indented(const Json& value);
 
 /// A JSON text that could not be read or written; `what()` is one lower-case line.
 class JsonError : public std::runtime_error {

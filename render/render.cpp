@@ -8,8 +8,7 @@ namespace nurel {
 std::string printed(const Json& value) {
   if (value.is_string()) return value.get_ref<const std::string&>();
   try {
-    if (value.is_object() || value.is_array())
-      return value.dump(2, ' ', false, Json::error_handler_t::replace);
+    if (value.is_object() || value.is_array()) return indented(value);
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
   } catch (const std::exception&) {
     return "null";

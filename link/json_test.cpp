@@ -1,0 +1,323 @@
+// link/json_test.cpp: reading and writing JSON the way nlohmann/json does, only faster.
+//
+// nlohmann/json is the reference: every document read here must give nlohmann's value (with
+// its number types) or fail where nlohmann fails, and every text written must be nlohmann's
+// dump() byte for byte. Generated and mutated documents cover what single cases miss.
+#include "link/json.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdint>
+#include <random>
+#include <string>
+
+namespace nurel {
+namespace {
+
+// The value's dump and the type of every node, so that 1 (unsigned) and -1 (integer) or 1.0
+// (double) are told apart even where dump() agrees.
+std::string signature(const Json& value) {
+  std::string out = std::to_string(int(value.type()));
+  if (value.is_object()) {
+    for (const auto& [key, member] : value.items()) out += "{" + key + ":" + signature(member) + "}";
+  } else if (value.is_array()) {
+    for (const auto& item : value) out += "[" + signature(item) + "]";
+  } else {
+    out += "=" + value.dump();
+  }
+  return out;
+}
+
+// What nlohmann makes of `text`: its signature, or "error".
+std::string reference(const std::string& text) {
+  try {
+    Json value = Json::parse(text);
+    if (!value.is_object() && !value.is_array()) return "error";
+    return signature(value);
+  } catch (const nlohmann::json::exception&) {
+    return "error";
+  }
+}
+
+std::string ours(const std::string& text) {
+  try {
+    return signature(parseDocument(text));
+  } catch (const JsonError&) {
+    return "error";
+  }
+}
+
+// Random documents with everything a reply can hold, written with random spacing.
+class Generator {
+ public:
+  explicit Generator(uint32_t seed) : random(seed) {}
+
+  std::string document() {
+    std::string out;
+    container(out, 0);
+    return out;
+  }
+
+  std::string text() {
+    static const std::vector<std::string> pieces = {
+        "a", "Z", "/", "\\\"", "\\\\", "\\/", "\\b", "\\f", "\\n", "\\r", "\\t", "\\u0000",
+        "\\u001f", "\\u00e9", "\\uD83D\\uDE00", "\\ud800\\udc00", "é", "€", "😀", "\x7f", " ",
+        "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef0123456789",
+        "\\u20AC", "~"};
+    std::string out;
+    for (int i = pick(6); i > 0; --i) out += pieces[pick(int(pieces.size()))];
+    return out;
+  }
+
+ private:
+  int pick(int n) { return int(random() % uint32_t(n)); }
+
+  void space(std::string& out) {
+    static const char* spaces[] = {"", "", "", " ", "\t", "\r\n", "  "};
+    out += spaces[pick(7)];
+  }
+
+  void container(std::string& out, int depth) {
+    bool object = pick(2) == 0;
+    out += object ? '{' : '[';
+    int count = depth > 4 ? 0 : pick(5);
+    for (int i = 0; i < count; ++i) {
+      if (i > 0) out += ',';
+      space(out);
+      if (object) {
+        // Few distinct keys, so that repeated keys occur.
+        out += "\"" + std::string(1, char('a' + pick(4))) + "\"";
+        space(out);
+        out += ':';
+        space(out);
+      }
+      value(out, depth + 1);
+      space(out);
+    }
+    out += object ? '}' : ']';
+  }
+
+  void value(std::string& out, int depth) {
+    static const std::vector<std::string> numbers = {
+        "0", "-0", "1", "-1", "42", "-0.0", "0.5", "1e2", "1E+2", "1.5e-3", "-2.25E10",
+        "9223372036854775807", "9223372036854775808", "-9223372036854775808",
+        "-9223372036854775809", "18446744073709551615", "18446744073709551616",
+        "123456789012345678901234567890", "1e308", "2.2250738585072014e-308", "4.9e-324",
+        "1e-400", "0.1", "3.141592653589793238462643383279", "100000000000000000000.0"};
+    switch (pick(6)) {
+      case 0:
+        container(out, depth);
+        break;
+      case 1:
+      case 2:
+        out += "\"" + text() + "\"";
+        break;
+      case 3:
+        out += numbers[pick(int(numbers.size()))];
+        break;
+      case 4:
+        out += pick(2) ? "true" : "false";
+        break;
+      default:
+        out += "null";
+    }
+  }
+
+  std::mt19937 random;
+};
+
+TEST(JsonRead, GeneratedDocumentsReadAsNlohmannReadsThem) {
+  Generator generator(1);
+  for (int i = 0; i < 3000; ++i) {
+    std::string text = generator.document();
+    ASSERT_EQ(reference(text), ours(text)) << text;
+  }
+}
+
+TEST(JsonRead, MutatedDocumentsFailWhereNlohmannFails) {
+  Generator generator(2);
+  std::mt19937 random(3);
+  static const std::string bytes = std::string("{}[]\":,\\ -+.eE0159tfnu\x00\x01\x1f\x7f\x80\xbf\xc0\xc3\xe2\xed\xf0\xf4\xf5\xff", 43);
+  for (int i = 0; i < 20000; ++i) {
+    std::string text = generator.document();
+    for (int edits = 1 + int(random() % 3); edits > 0; --edits) {
+      size_t at = random() % (text.size() + 1);
+      char byte = bytes[random() % bytes.size()];
+      switch (random() % 3) {
+        case 0:
+          text.insert(text.begin() + long(at), byte);
+          break;
+        case 1:
+          if (at < text.size()) text.erase(at, 1);
+          break;
+        default:
+          if (at < text.size()) text[at] = byte;
+      }
+    }
+    ASSERT_EQ(reference(text), ours(text)) << text;
+  }
+}
+
+TEST(JsonRead, NumbersKeepNlohmannsTypes) {
+  Json value = parseDocument(
+      "[7, -7, 18446744073709551615, 18446744073709551616, -9223372036854775809, 7.0, 1e2]");
+  EXPECT_TRUE(value[0].is_number_unsigned());
+  EXPECT_TRUE(value[1].is_number_integer() && !value[1].is_number_unsigned());
+  EXPECT_EQ(18446744073709551615u, value[2].get<uint64_t>());
+  EXPECT_TRUE(value[3].is_number_float());
+  EXPECT_TRUE(value[4].is_number_float());
+  EXPECT_EQ("[7,-7,18446744073709551615,1.8446744073709552e+19,-9.223372036854776e+18,7.0,100.0]",
+            value.dump());
+}
+
+TEST(JsonRead, ARepeatedKeyKeepsItsLastValue) {
+  EXPECT_EQ(Json({{"a", 3}, {"b", 2}}), parseDocument(R"({"a":1,"b":2,"a":3})"));
+}
+
+TEST(JsonRead, EscapesAndSurrogatePairsBecomeUtf8) {
+  EXPECT_EQ(Json({"\"\\/\b\f\n\r\t\u00e9\U0001F600"}),
+            parseDocument(R"(["\"\\\/\b\f\n\r\t\u00E9\ud83d\ude00"])"));
+  EXPECT_EQ(std::string("a\0b", 3), parseDocument(R"(["a\u0000b"])")[0].get<std::string>());
+}
+
+TEST(JsonRead, BrokenTextGivesOneLowerCaseLine) {
+  for (const char* text : {"[1,]", "{\"a\" 1}", "[\"\\ud800\"]", "[1e400]", "[\"\x01\"]",
+                           "[\"\xff\"]", "[01]", "[tru]", "[1] x", "  "}) {
+    try {
+      parseDocument(text);
+      ADD_FAILURE() << text << " was read";
+    } catch (const JsonError& error) {
+      std::string message = error.what();
+      EXPECT_FALSE(message.empty());
+      EXPECT_EQ(std::string::npos, message.find('\n')) << message;
+      EXPECT_TRUE(std::islower(static_cast<unsigned char>(message[0]))) << message;
+    }
+  }
+}
+
+TEST(JsonRead, TheFixedMessagesStay) {
+  EXPECT_THROW(
+      {
+        try {
+          parseDocument("");
+        } catch (const JsonError& error) {
+          EXPECT_STREQ("empty line where JSON was expected", error.what());
+          throw;
+        }
+      },
+      JsonError);
+  for (const char* scalar : {"12", "\"text\"", "null", " true "}) {
+    try {
+      parseDocument(scalar);
+      ADD_FAILURE() << scalar << " was read";
+    } catch (const JsonError& error) {
+      EXPECT_STREQ("JSON text that is neither an object nor an array", error.what());
+    }
+  }
+}
+
+TEST(JsonRead, NestingIsLimitedAsNlohmannCountsIt) {
+  auto nested = [](int levels, const std::string& inside) {
+    return std::string(size_t(levels), '[') + inside + std::string(size_t(levels), ']');
+  };
+  // 512 levels, the innermost holding a value at depth 512: fine.
+  EXPECT_NO_THROW(parseDocument(nested(512, "1")));
+  // An empty 513th level opens at depth 512: still fine.
+  EXPECT_NO_THROW(parseDocument(nested(513, "")));
+  for (const std::string& deep : {nested(513, "1"), nested(514, ""), nested(5000, "")}) {
+    try {
+      parseDocument(deep);
+      ADD_FAILURE() << deep.size() << " bytes deep were read";
+    } catch (const JsonError& error) {
+      EXPECT_STREQ("JSON nested deeper than 512 levels", error.what());
+    }
+  }
+}
+
+TEST(JsonRead, WhatNlohmannAcceptsAroundADocumentIsAccepted) {
+  // A byte-order mark before it, and anything after a NUL byte, as nlohmann reads them.
+  EXPECT_EQ(Json({1}), parseDocument("\xEF\xBB\xBF[1]"));
+  EXPECT_EQ(Json({1}), parseDocument(std::string("[1]\0garbage", 11)));
+}
+
+TEST(JsonRead, ALongStringIsReadWhole) {
+  std::string big(9 << 20, 'x');
+  big[12345] = 'y';
+  Json value = parseDocument("{\"png\":\"" + big + "\\n\u00e9\"}");
+  EXPECT_EQ(big + "\n\u00e9", value["png"].get<std::string>());
+}
+
+// Values with every kind of string, including bytes that are not UTF-8.
+Json generatedValue(std::mt19937& random, int depth) {
+  static const std::vector<std::string> strings = {
+      "", "plain", "a/b", "quote\"back\\slash", std::string("\0\x01\x1f\x7f", 4), "\b\f\n\r\t",
+      "é€😀", "\xff", "ok\xc3", "\xed\xa0\x80", "\xe2\x82", "mixed \xc3\xa9 and \xff bad"};
+  switch (random() % (depth > 3 ? 5 : 7)) {
+    case 0:
+      return strings[random() % strings.size()];
+    case 1:
+      return int64_t(random()) - int64_t(1u << 31);
+    case 2:
+      return uint64_t(random()) << 33;
+    case 3:
+      return double(int32_t(random())) / 7.0;
+    case 4:
+      return random() % 3 == 0 ? Json(nullptr) : Json(random() % 2 == 0);
+    case 5: {
+      Json array = Json::array();
+      for (int i = int(random() % 4); i > 0; --i) array.push_back(generatedValue(random, depth + 1));
+      return array;
+    }
+    default: {
+      Json object = Json::object();
+      for (int i = int(random() % 4); i > 0; --i)
+        object[strings[random() % strings.size()]] = generatedValue(random, depth + 1);
+      return object;
+    }
+  }
+}
+
+TEST(JsonWrite, CompactTextIsNlohmannsDump) {
+  std::mt19937 random(4);
+  for (int i = 0; i < 5000; ++i) {
+    Json value = generatedValue(random, 0);
+    std::string expected;
+    try {
+      expected = value.dump();
+    } catch (const nlohmann::json::type_error&) {
+      EXPECT_THROW(compact(value), JsonError) << value.dump(-1, ' ', false, Json::error_handler_t::replace);
+      continue;
+    }
+    ASSERT_EQ(expected, compact(value));
+  }
+}
+
+TEST(JsonWrite, IndentedTextIsNlohmannsDumpWithReplacements) {
+  std::mt19937 random(5);
+  for (int i = 0; i < 5000; ++i) {
+    Json value = generatedValue(random, 0);
+    ASSERT_EQ(value.dump(2, ' ', false, Json::error_handler_t::replace), indented(value));
+  }
+}
+
+TEST(JsonWrite, NotUtf8CannotBeSent) {
+  try {
+    compact({{"url", "\xff"}});
+    ADD_FAILURE() << "written";
+  } catch (const JsonError& error) {
+    EXPECT_STREQ("a text that is not valid UTF-8 cannot be sent as JSON", error.what());
+  }
+}
+
+TEST(JsonWrite, ALongStringIsWrittenWholeWithRoomForALineFeed) {
+  std::string big(9 << 20, 'x');
+  big += "\"/\x01\u00e9";
+  Json value = {{"png", big}};
+  std::string text = compact(value);
+  EXPECT_EQ(value.dump(), text);
+  EXPECT_GT(text.capacity(), text.size());
+}
+
+}  // namespace
+}  // namespace nurel
