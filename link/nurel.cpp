@@ -6,8 +6,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <new>
 
+#include "link/large_memory.h"
 #include "link/places.h"
 
 namespace nurel {
@@ -50,24 +53,52 @@ void Nurel::connect() {
   throw NurelError::lost("couldn't reach " + dataName + ": is it running?");
 }
 
-std::string Nurel::nextLine() {
+char* Nurel::Buffer::extend(size_t count) {
+  if (room - used < count) {
+    size_t wanted = std::max(room * 2, used + count);
+    auto* grown = static_cast<char*>(std::realloc(bytes, wanted));
+    if (!grown) throw std::bad_alloc();
+    bytes = grown;
+    room = wanted;
+    adviseLarge(bytes, room, false);
+  }
+  return bytes + used;
+}
+
+void Nurel::Buffer::consume(size_t count) {
+  size_t rest = used - count;
+  // After a large reply, keep only what follows it, so the memory goes back at once.
+  if (room > 4 * readBlock && rest < room / 4) {
+    if (auto* fresh = static_cast<char*>(std::malloc(rest + readBlock))) {
+      std::memcpy(fresh, bytes + count, rest);
+      std::free(bytes);
+      bytes = fresh;
+      room = rest + readBlock;
+      used = rest;
+      return;
+    }
+  }
+  if (rest > 0) std::memmove(bytes, bytes + count, rest);
+  used = rest;
+}
+
+size_t Nurel::nextLine() {
   for (;;) {
     const char* start = buffer.data();
-    if (auto* newline = static_cast<const char*>(
-            std::memchr(start + searched, '\n', buffer.size() - searched))) {
-      size_t length = newline - start;
-      std::string line(start, length);
-      buffer.erase(0, length + 1);
-      searched = 0;
-      return line;
-    }
+    if (buffer.size() > searched)
+      if (auto* newline = static_cast<const char*>(
+              std::memchr(start + searched, '\n', buffer.size() - searched)))
+        return size_t(newline - start);
     searched = buffer.size();
-    size_t old = buffer.size();
-    buffer.resize(old + readBlock);
-    ssize_t got = read(fd, buffer.data() + old, readBlock);
-    buffer.resize(old + (got > 0 ? size_t(got) : 0));
+    ssize_t got = read(fd, buffer.extend(readBlock), readBlock);
     if (got < 1) throw NurelError::lost(dataName + " closed the connection");
+    buffer.grew(size_t(got));
   }
+}
+
+void Nurel::dropLine(size_t length) {
+  buffer.consume(length + 1);
+  searched = 0;
 }
 
 Json Nurel::call(const std::string& method, const Json& params) {
@@ -80,12 +111,19 @@ Json Nurel::call(const std::string& method, const Json& params) {
     sent += size_t(wrote);
   }
   for (;;) {
+    size_t length = nextLine();
     Json reply;
     try {
-      reply = parseDocument(nextLine());
+      // The line is read where it lies in the buffer; it leaves the buffer however that ends.
+      reply = parseDocument(std::string_view(buffer.data(), length));
     } catch (const JsonError& error) {
+      dropLine(length);
       throw JsonError("couldn't read a reply from " + dataName + ": " + error.what());
+    } catch (...) {
+      dropLine(length);
+      throw;
     }
+    dropLine(length);
     if (!reply.is_object()) continue;
     // An error line for any id ends the call, even a stale one.
     auto error = reply.find("error");

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 #include "link/json.h"
@@ -39,12 +40,39 @@ class Nurel {
 
  private:
   bool attempt();
-  std::string nextLine();
+  /// Reads until `buffer` holds a whole line; returns its length (without the line feed).
+  size_t nextLine();
+  /// Takes the line of `length` bytes and its line feed out of `buffer`.
+  void dropLine(size_t length);
+
+  // Bytes in one block grown with realloc(), which moves a large block by remapping its pages
+  // rather than copying them: a reply of hundreds of MiB is written into memory once.
+  class Buffer {
+   public:
+    Buffer() = default;
+    ~Buffer() { std::free(bytes); }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    const char* data() const { return bytes; }
+    size_t size() const { return used; }
+    /// Room for `count` more bytes after the end; throws std::bad_alloc.
+    char* extend(size_t count);
+    /// Counts `count` bytes written into that room.
+    void grew(size_t count) { used += count; }
+    /// Drops the first `count` bytes.
+    void consume(size_t count);
+    void clear() { consume(used); }
+
+   private:
+    char* bytes = nullptr;
+    size_t used = 0, room = 0;
+  };
 
   Launch& launch;
   int fd = -1;
   // Bytes read but not yet taken as lines; may hold the start of the next reply.
-  std::string buffer;
+  Buffer buffer;
   // How many leading bytes of `buffer` are known to hold no line feed, so that a long line
   // arriving in many reads is searched only once.
   size_t searched = 0;

@@ -345,6 +345,28 @@ TEST_F(LinkTest, ALongReplyArrivingInManyReadsIsOneLine) {
   EXPECT_EQ(Json(big), nurel.call("text"));
 }
 
+TEST_F(LinkTest, ALargeReplyAndTheLineAfterItAreBothKept) {
+  std::string big(5 * 65536 + 3, 'x');
+  std::string bytes = R"({"id":1,"result":")" + big + "\"}\n" + R"({"id":2,"result":"two"})" + "\n";
+  FakeBrowser browser({"!bytes " + Json(bytes).dump(), "!none"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(Json(big), nurel.call("text"));
+  EXPECT_EQ(Json("two"), nurel.call("tabs"));
+}
+
+TEST_F(LinkTest, AnUnreadableLargeLineIsDroppedWithItsError) {
+  std::string big(5 * 65536, 'x');
+  FakeBrowser browser({"!bytes " + Json("[\"" + big + "\n" + R"({"id":2,"result":"two"})" + "\n").dump(),
+                       "!none"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_THROW(nurel.call("text"), JsonError);
+  EXPECT_EQ(Json("two"), nurel.call("tabs"));
+}
+
 TEST_F(LinkTest, ATrickledReplyIsReassembled) {
   FakeBrowser browser({R"(!trickle "{\"id\":1,\"result\":[\"slow\"]}\n")"});
   socketPath = browser.socket();

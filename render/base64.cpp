@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 
+#include "link/large_memory.h"
+
 namespace nurel {
 
 namespace {
@@ -29,7 +31,10 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   size_t padding = 0;
   if (!text.empty() && text.back() == '=') padding = text[text.size() - 2] == '=' ? 2 : 1;
   std::string out;
-  out.resize(text.size() / 4 * 3 - padding);
+  size_t size = text.size() / 4 * 3 - padding;
+  out.reserve(size);
+  adviseLarge(out.data(), size, true);
+  out.resize(size);
   size_t whole = text.empty() ? 0 : text.size() / 4 - (padding ? 1 : 0);
   const char* in = text.data();
   char* to = out.data();
