@@ -65,9 +65,11 @@ Json screenshot(Nurel& nurel, const Json& arguments) {
     std::string path = writeFile(file, *bytes);
     return textResult((hasRefs ? *refs + "\n" : "") + "saved to " + path);
   }
-  // Inline, a reply without an image is not an error: the agent sees an empty image.
-  Json content = Json::array(
-      {{{"type", "image"}, {"data", png ? *png : std::string()}, {"mimeType", "image/png"}}});
+  // Inline, a reply without an image is not an error: the agent sees an empty image. The image
+  // is moved, not copied, from the reply: it may be hundreds of MiB.
+  Json image = {{"type", "image"}, {"data", ""}, {"mimeType", "image/png"}};
+  if (png) image["data"] = std::move(reply["png"]);
+  Json content = Json::array({std::move(image)});
   if (hasRefs) content.push_back({{"type", "text"}, {"text", *refs}});
   return {{"content", std::move(content)}};
 }
