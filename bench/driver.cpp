@@ -438,8 +438,18 @@ void header(const Options& o) {
 
 }  // namespace
 
+// `nurel_bench --serve <socket> [<MiB>]`: the fake browser alone, until killed, for measuring
+// by hand (perf, hyperfine): it answers with the tab list, or with a screenshot of that size.
+int serve(const std::string& socket, int mebibytes) {
+  Browser browser(socket);
+  browser.answerWith(mebibytes > 0 ? screenshotReply(size_t(mebibytes) << 20) : tabsReply);
+  for (;;) pause();
+}
+
 int run(int argc, char** argv) {
   try {
+    if (argc >= 3 && std::string(argv[1]) == "--serve")
+      return serve(argv[2], argc > 3 ? std::stoi(argv[3]) : 0);
     Options options = parse(argc, argv);
     char pattern[] = "/tmp/nurel-bench-XXXXXX";
     check(mkdtemp(pattern) != nullptr, "cannot make a temporary folder");
