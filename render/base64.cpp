@@ -10,19 +10,33 @@ namespace nurel {
 
 namespace {
 
-constexpr std::array<int8_t, 256> makeTable() {
-  std::array<int8_t, 256> table{};
-  for (auto& entry : table) entry = -1;
+// One table per position in a group of four characters, holding the character's six bits
+// already shifted into place, so a group decodes to (t0[a] | t1[b] | t2[c] | t3[d]). A
+// character outside the alphabet sets bit 24, which no valid group has.
+constexpr uint32_t invalid = 1u << 24;
+
+constexpr std::array<uint32_t, 256> makeTable(int shift) {
+  std::array<uint32_t, 256> table{};
+  for (auto& entry : table) entry = invalid;
   constexpr std::string_view alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   for (size_t i = 0; i < alphabet.size(); ++i)
-    table[static_cast<unsigned char>(alphabet[i])] = int8_t(i);
+    table[static_cast<unsigned char>(alphabet[i])] = uint32_t(i) << shift;
   return table;
 }
 
-constexpr auto table = makeTable();
+constexpr auto t0 = makeTable(18), t1 = makeTable(12), t2 = makeTable(6), t3 = makeTable(0);
 
-int value(char c) { return table[static_cast<unsigned char>(c)]; }
+uint32_t group(const char* in) {
+  auto at = [in](int i) { return static_cast<unsigned char>(in[i]); };
+  return t0[at(0)] | t1[at(1)] | t2[at(2)] | t3[at(3)];
+}
+
+void put(char* to, uint32_t bits) {
+  to[0] = char(bits >> 16);
+  to[1] = char(bits >> 8);
+  to[2] = char(bits);
+}
 
 }  // namespace
 
@@ -38,19 +52,23 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   size_t whole = text.empty() ? 0 : text.size() / 4 - (padding ? 1 : 0);
   const char* in = text.data();
   char* to = out.data();
-  for (size_t group = 0; group < whole; ++group, in += 4) {
-    int a = value(in[0]), b = value(in[1]), c = value(in[2]), d = value(in[3]);
-    if ((a | b | c | d) < 0) return std::nullopt;
-    uint32_t bits = uint32_t(a) << 18 | uint32_t(b) << 12 | uint32_t(c) << 6 | uint32_t(d);
-    *to++ = char(bits >> 16);
-    *to++ = char(bits >> 8);
-    *to++ = char(bits);
+  size_t done = 0;
+  // Two groups at a time: fewer branches, and the six bytes can be stored together.
+  for (; done + 2 <= whole; done += 2, in += 8, to += 6) {
+    uint32_t first = group(in), second = group(in + 4);
+    if ((first | second) & invalid) return std::nullopt;
+    put(to, first);
+    put(to + 3, second);
+  }
+  for (; done < whole; ++done, in += 4, to += 3) {
+    uint32_t bits = group(in);
+    if (bits & invalid) return std::nullopt;
+    put(to, bits);
   }
   if (padding) {
-    int a = value(in[0]), b = value(in[1]);
-    int c = padding == 1 ? value(in[2]) : 0;
-    if ((a | b | c) < 0) return std::nullopt;
-    uint32_t bits = uint32_t(a) << 18 | uint32_t(b) << 12 | uint32_t(c) << 6;
+    uint32_t bits = t0[static_cast<unsigned char>(in[0])] | t1[static_cast<unsigned char>(in[1])] |
+                    (padding == 1 ? t2[static_cast<unsigned char>(in[2])] : 0);
+    if (bits & invalid) return std::nullopt;
     *to++ = char(bits >> 16);
     if (padding == 1) *to++ = char(bits >> 8);
   }

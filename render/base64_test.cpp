@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace nurel {
 namespace {
 
@@ -21,6 +23,42 @@ TEST(Base64, RefusesAnythingElse) {
   for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm 9v", "Zm9v\n", "Zm9-",
                           "Zm9_", "Z=9v", "Zm=v", "not base64!"})
     EXPECT_FALSE(decodeBase64(bad).has_value()) << bad;
+}
+
+// A plain encoder to check the decoder against, whatever the length.
+std::string encoded(const std::string& bytes) {
+  static const char alphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < bytes.size(); i += 3) {
+    uint32_t bits = uint32_t(static_cast<unsigned char>(bytes[i])) << 16;
+    if (i + 1 < bytes.size()) bits |= uint32_t(static_cast<unsigned char>(bytes[i + 1])) << 8;
+    if (i + 2 < bytes.size()) bits |= static_cast<unsigned char>(bytes[i + 2]);
+    out += alphabet[bits >> 18 & 63];
+    out += alphabet[bits >> 12 & 63];
+    out += i + 1 < bytes.size() ? alphabet[bits >> 6 & 63] : '=';
+    out += i + 2 < bytes.size() ? alphabet[bits & 63] : '=';
+  }
+  return out;
+}
+
+TEST(Base64, DecodesEveryLengthAndByte) {
+  std::mt19937 random(7);
+  for (size_t length = 0; length < 300; ++length) {
+    std::string bytes(length, '\0');
+    for (auto& byte : bytes) byte = char(random());
+    EXPECT_EQ(bytes, decodeBase64(encoded(bytes)).value()) << length;
+  }
+}
+
+TEST(Base64, ABadCharacterAnywhereIsRefused) {
+  std::string text = encoded(std::string(40, 'x'));
+  for (size_t at = 0; at < text.size(); ++at)
+    for (char bad : {'-', '_', ' ', '\n', '\0', '\xff', '.'}) {
+      std::string broken = text;
+      broken[at] = bad;
+      EXPECT_FALSE(decodeBase64(broken).has_value()) << at << " " << int(bad);
+    }
 }
 
 }  // namespace
