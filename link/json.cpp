@@ -250,11 +250,12 @@ class FastReader {
     code = 0;
     for (int i = 0; i < 4; ++i) {
       char c = *at++;
-      code <<= 4;
-      if (c >= '0' && c <= '9') code |= uint32_t(c - '0');
-      else if (c >= 'a' && c <= 'f') code |= uint32_t(c - 'a' + 10);
-      else if (c >= 'A' && c <= 'F') code |= uint32_t(c - 'A' + 10);
-      else return false;
+      int digit = c >= '0' && c <= '9'   ? c - '0'
+                  : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                  : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                         : -1;
+      if (digit < 0) return false;
+      code = code << 4 | uint32_t(digit);
     }
     return true;
   }
@@ -264,17 +265,11 @@ class FastReader {
     if (end - at < 2) return false;
     char kind = at[1];
     at += 2;
-    switch (kind) {
-      case '"': out += '"'; return true;
-      case '\\': out += '\\'; return true;
-      case '/': out += '/'; return true;
-      case 'b': out += '\b'; return true;
-      case 'f': out += '\f'; return true;
-      case 'n': out += '\n'; return true;
-      case 'r': out += '\r'; return true;
-      case 't': out += '\t'; return true;
-      case 'u': break;
-      default: return false;
+    static constexpr std::string_view named = "\"\\/bfnrt", meaning = "\"\\/\b\f\n\r\t";
+    if (auto index = named.find(kind); kind != 'u') {
+      if (index == std::string_view::npos) return false;
+      out += meaning[index];
+      return true;
     }
     uint32_t code;
     if (!hex4(code) || (code >= 0xDC00 && code <= 0xDFFF)) return false;
@@ -336,28 +331,30 @@ class FastReader {
 };
 
 // Writes JSON as nlohmann's dump() does: compact, or indented; "/" and non-ASCII as they are.
+// `Value` is Json, or nlohmann's ordered_json, which the tool catalogue is built with.
+template <typename Value>
 class Writer {
  public:
   Writer(std::string& out, int indent, bool strict) : out(out), indent(indent), strict(strict) {}
 
-  void value(const Json& v, int level) {
+  void value(const Value& v, int level) {
     switch (v.type()) {
       case Json::value_t::object:
-        return object(v.get_ref<const Json::object_t&>(), level);
+        return object(v.template get_ref<const typename Value::object_t&>(), level);
       case Json::value_t::array:
-        return array(v.get_ref<const Json::array_t&>(), level);
+        return array(v.template get_ref<const typename Value::array_t&>(), level);
       case Json::value_t::string:
-        return string(v.get_ref<const std::string&>());
+        return string(v.template get_ref<const std::string&>());
       case Json::value_t::boolean:
-        out += v.get<bool>() ? "true" : "false";
+        out += v.template get<bool>() ? "true" : "false";
         return;
       case Json::value_t::null:
         out += "null";
         return;
       case Json::value_t::number_integer:
-        return integer(v.get<int64_t>());
+        return integer(v.template get<int64_t>());
       case Json::value_t::number_unsigned:
-        return integer(v.get<uint64_t>());
+        return integer(v.template get<uint64_t>());
       default:
         // Doubles, whose shortest form is nlohmann's business, and binary values.
         out += v.dump();
@@ -377,7 +374,7 @@ class Writer {
     out.append(size_t(indent) * size_t(level), ' ');
   }
 
-  void object(const Json::object_t& members, int level) {
+  void object(const typename Value::object_t& members, int level) {
     if (members.empty()) {
       out += "{}";
       return;
@@ -396,7 +393,7 @@ class Writer {
     out += '}';
   }
 
-  void array(const Json::array_t& items, int level) {
+  void array(const typename Value::array_t& items, int level) {
     if (items.empty()) {
       out += "[]";
       return;
@@ -436,27 +433,23 @@ class Writer {
   }
 
   void escape(unsigned char c) {
+    static constexpr std::string_view plain = "\"\\\b\f\n\r\t", named = "\"\\bfnrt";
     static const char hex[] = "0123456789abcdef";
-    switch (c) {
-      case '"': out += "\\\""; return;
-      case '\\': out += "\\\\"; return;
-      case '\b': out += "\\b"; return;
-      case '\f': out += "\\f"; return;
-      case '\n': out += "\\n"; return;
-      case '\r': out += "\\r"; return;
-      case '\t': out += "\\t"; return;
-      default:
-        out += "\\u00";
-        out += hex[c >> 4];
-        out += hex[c & 15];
+    out += '\\';
+    if (auto index = plain.find(char(c)); index != std::string_view::npos) {
+      out += named[index];
+      return;
     }
+    out += "u00";
+    out += hex[c >> 4];
+    out += hex[c & 15];
   }
 
   // A string that is not valid UTF-8: refused, or written with nlohmann's replacements.
   void invalid(const std::string& text, size_t start) {
     if (strict) throw JsonError("a text that is not valid UTF-8 cannot be sent as JSON");
     out.resize(start);
-    out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+    out += Value(text).dump(-1, ' ', false, Json::error_handler_t::replace);
   }
 
   std::string& out;
@@ -466,33 +459,36 @@ class Writer {
 
 // About the size of `value` written compactly, so the text is allocated once: long strings
 // are the bulk of large documents.
-size_t sizeGuess(const Json& value) {
+template <typename Value>
+size_t sizeGuess(const Value& value) {
   switch (value.type()) {
     case Json::value_t::object: {
       size_t size = 2;
-      for (const auto& [key, member] : value.get_ref<const Json::object_t&>())
+      for (const auto& [key, member] : value.template get_ref<const typename Value::object_t&>())
         size += key.size() + 4 + sizeGuess(member);
       return size;
     }
     case Json::value_t::array: {
       size_t size = 2;
-      for (const auto& item : value.get_ref<const Json::array_t&>()) size += 1 + sizeGuess(item);
+      for (const auto& item : value.template get_ref<const typename Value::array_t&>())
+        size += 1 + sizeGuess(item);
       return size;
     }
     case Json::value_t::string:
-      return value.get_ref<const std::string&>().size() + 2;
+      return value.template get_ref<const std::string&>().size() + 2;
     default:
       return 8;
   }
 }
 
-std::string written(const Json& value, int indent, bool strict) {
+template <typename Value>
+std::string written(const Value& value, int indent, bool strict) {
   std::string out;
   // One byte more, for the line feed that callers add to a message.
   size_t guess = sizeGuess(value) + 1;
   out.reserve(guess);
   adviseLarge(out.data(), guess, true);
-  Writer(out, indent, strict).value(value, 0);
+  Writer<Value>(out, indent, strict).value(value, 0);
   return out;
 }
 
@@ -508,6 +504,8 @@ Json parseDocument(std::string_view text) {
 }
 
 std::string compact(const Json& value) { return written(value, -1, true); }
+
+std::string compactInOrder(const nlohmann::ordered_json& value) { return written(value, -1, true); }
 
 std::string indented(const Json& value) { return written(value, 2, false); }
 

@@ -23,6 +23,8 @@ Json parseDocument(std::string_view text);
 /// `JsonError` for a string that is not valid UTF-8. The text has room for one more byte, so a
 /// caller can add a line feed without copying it.
 std::string compact(const Json& value);
+/// compact() for a value whose objects keep their members in insertion order.
+std::string compactInOrder(const nlohmann::ordered_json& value);
 
 /// Serialises `value` indented by two spaces, "/" unescaped, as nlohmann's dump(2) does;
 /// strings that are not valid UTF-8 get U+FFFD in place of their invalid bytes. Never throws
