@@ -340,7 +340,7 @@ const OrderedJson& MCPServer::tools() {
 }
 
 const std::string& MCPServer::toolsText() {
-  static const std::string text = tools().dump();
+  static const std::string text = compactInOrder(tools());
   return text;
 }
 
