@@ -94,7 +94,8 @@ bool Browser::reply(int client, std::string_view request) {
   std::string id = "null";
   if (auto at = request.find("\"id\":"); at != std::string_view::npos) {
     size_t end = at + 5;
-    while (end < request.size() && (request[end] == '-' || (request[end] >= '0' && request[end] <= '9')))
+    while (end < request.size() &&
+           (request[end] == '-' || (request[end] >= '0' && request[end] <= '9')))
       ++end;
     id = std::string(request.substr(at + 5, end - at - 5));
   }
@@ -104,8 +105,7 @@ bool Browser::reply(int client, std::string_view request) {
     text = rest;
   }
   std::string head = "{\"id\":" + id;
-  iovec pieces[2] = {{head.data(), head.size()},
-                     {const_cast<char*>(text->data()), text->size()}};
+  iovec pieces[2] = {{head.data(), head.size()}, {const_cast<char*>(text->data()), text->size()}};
   replyStart = now();
   size_t total = head.size() + text->size();
   int index = 0;

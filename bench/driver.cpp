@@ -1,7 +1,8 @@
 // bench/driver.cpp: runs the benchmark figures and prints them.
 //
 //   nurel_bench --nurel <nurel> --floor <floor> --runner <run> --relay <relay>
-//               [--node <name>=<script> ...] [--figures 1234] [--starts 300] [--node-runs 5]
+//               [--dynamic-floor <floor>] [--node <name>=<script> ...] [--figures 1234] [--starts
+//               300] [--node-runs 5]
 //               [--runs 5] [--sizes 16,64,256] [--calls 10000]
 //
 // Every figure measures its baseline in the same run, interleaved with the program, and
@@ -32,6 +33,7 @@ namespace {
 
 struct Options {
   std::string nurel, floor, runner, relay;
+  std::string dynamicFloor;  // optional: the same empty program, linked against libc.so
   std::vector<std::pair<std::string, std::string>> node;
   std::string figures = "1234";
   int starts = 300, nodeRuns = 5, runs = 5, calls = 10000;
@@ -98,14 +100,13 @@ const std::string listTools = R"({"jsonrpc":"2.0","method":"notifications/initia
 
 std::string toolCall(int64_t id, const std::string& name, const std::string& arguments) {
   return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
-         R"(,"method":"tools/call","params":{"name":")" + name + R"(","arguments":)" +
-         arguments + "}}\n";
+         R"(,"method":"tools/call","params":{"name":")" + name + R"(","arguments":)" + arguments +
+         "}}\n";
 }
 
 size_t count(const std::string& text, const std::string& word) {
   size_t found = 0;
-  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
-    ++found;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++found;
   return found;
 }
 
@@ -125,6 +126,28 @@ struct Context {
   std::string socketEnv() const { return "NUREL_SOCKET=" + browser.socket(); }
 };
 
+// The empty program linked against the C library as a shared object: what loading a shared
+// library costs any dynamically linked program, shown beside the figures for reference.
+struct DynamicFloor {
+  Launch launch;
+  Series times;
+  bool wanted() const { return !launch.argv.empty(); }
+  void measure() {
+    if (wanted()) times.add(timeRun(launch));
+  }
+  void show(double median) const {
+    if (!wanted()) return;
+    row("floor, dynamically linked (libc.so)", times,
+        format("nurel is %.2fx this", median / times.median()));
+  }
+};
+
+DynamicFloor dynamicFloor(const Options& o) {
+  DynamicFloor floor;
+  if (!o.dynamicFloor.empty()) floor.launch = {{o.dynamicFloor}, {}, false, ""};
+  return floor;
+}
+
 // 1) One command end to end.
 
 void figureCommand(Context& context) {
@@ -140,10 +163,13 @@ void figureCommand(Context& context) {
     check(shown.wait() == 0 && all.find("\"id\": \"t1\"") != std::string::npos,
           "nurel tabs did not print the tab: " + all);
   }
-  for (int i = 0; i < 20; ++i) timeRun(floor), timeRun(tabs);
+  DynamicFloor shared = dynamicFloor(o);
+  for (int i = 0; i < 20; ++i) timeRun(floor), shared.measure(), timeRun(tabs);
+  shared.times.values.clear();
   Series floorTimes, tabsTimes;
   for (int i = 0; i < o.starts; ++i) {
     floorTimes.add(timeRun(floor));
+    shared.measure();
     int64_t took = timeRun(tabs);
     check(took > 0, "nurel tabs failed");
     tabsTimes.add(took);
@@ -151,10 +177,12 @@ void figureCommand(Context& context) {
   Child measured({tabs.argv, tabs.env, false, o.runner});
   measured.wait();
   double ratio = tabsTimes.median() / floorTimes.median();
-  std::printf("\n1) one command end to end: `nurel tabs`, start to reaping, browser answers at once\n");
+  std::printf(
+      "\n1) one command end to end: `nurel tabs`, start to reaping, browser answers at once\n");
   row("floor: static C program, start to reaping", floorTimes);
   row("nurel tabs", tabsTimes,
       format("%.2fx floor", ratio) + " (goal <= 2x: " + verdict(ratio <= 2) + ")");
+  shared.show(tabsTimes.median());
   std::printf("   %-38s %9.1f MiB\n", "nurel tabs peak RSS", double(measured.peakKiB()) / 1024);
 }
 
@@ -171,7 +199,8 @@ Handshake handshake(const Launch& launch, long* peakKiB) {
   std::string head, tail;
   check(server.send(initialize), launch.argv[0] + " did not read initialize");
   server.line(&head, &tail, 1 << 20);
-  check(head.find("\"result\"") != std::string::npos, launch.argv.back() + ": no answer to initialize");
+  check(head.find("\"result\"") != std::string::npos,
+        launch.argv.back() + ": no answer to initialize");
   check(server.send(listTools), launch.argv[0] + " did not read tools/list");
   server.line(&head, &tail, 16 << 20);
   Handshake done;
@@ -189,11 +218,14 @@ void figureServer(Context& context) {
   Launch mcp{{o.nurel, "mcp"}, {context.socketEnv()}, true, ""};
   Launch mcpMeasured = mcp;
   mcpMeasured.runner = o.runner;
-  for (int i = 0; i < 20; ++i) timeRun(floor), handshake(mcp, nullptr);
+  DynamicFloor shared = dynamicFloor(o);
+  for (int i = 0; i < 20; ++i) timeRun(floor), shared.measure(), handshake(mcp, nullptr);
+  shared.times.values.clear();
   Series floorTimes, mcpTimes;
   size_t tools = 0;
   for (int i = 0; i < o.starts; ++i) {
     floorTimes.add(timeRun(floor));
+    shared.measure();
     Handshake done = handshake(mcp, nullptr);
     mcpTimes.add(done.took);
     tools = done.tools;
@@ -205,6 +237,7 @@ void figureServer(Context& context) {
   row("floor: static C program, start to reaping", floorTimes);
   row("nurel mcp (" + std::to_string(tools) + " tools)", mcpTimes,
       format("%.2fx floor", ratio) + " (goal <= 3x: " + verdict(ratio <= 3) + ")");
+  shared.show(mcpTimes.median());
   std::printf("   %-38s %9.1f MiB\n", "nurel mcp peak RSS", double(mcpPeak) / 1024);
   for (auto& [name, script] : o.node) {
     Launch server{{which("node"), script}, {}, true, o.runner};
@@ -235,15 +268,15 @@ void figureServer(Context& context) {
 
 // `{"png":"<size bytes of base64>"}` as the rest of a reply.
 std::string screenshotReply(size_t size) {
-  static const char alphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string text = R"(,"result":{"png":")";
   size_t start = text.size();
   text.resize(start + size);
   uint64_t state = 0x9e3779b97f4a7c15u;
   for (size_t i = 0; i < size; i += 8) {
     state ^= state << 13, state ^= state >> 7, state ^= state << 17;
-    for (size_t j = 0; j < 8 && i + j < size; ++j) text[start + i + j] = alphabet[(state >> (6 * j)) & 63];
+    for (size_t j = 0; j < 8 && i + j < size; ++j)
+      text[start + i + j] = alphabet[(state >> (6 * j)) & 63];
   }
   text += R"("}})";
   text += '\n';
@@ -267,8 +300,8 @@ int64_t relayOnce(Context& context, const std::string& request, int64_t expected
 }
 
 int64_t serverOnce(Context& context, size_t size, double* peak) {
-  Child server({{context.options.nurel, "mcp"}, {context.socketEnv()}, true,
-                context.options.runner});
+  Child server(
+      {{context.options.nurel, "mcp"}, {context.socketEnv()}, true, context.options.runner});
   server.send(toolCall(1, "screenshot", R"({"tab":"t1"})"));
   std::string head, tail;
   int64_t length = server.line(&head, &tail);
@@ -284,7 +317,9 @@ int64_t serverOnce(Context& context, size_t size, double* peak) {
 int64_t fileOnce(Context& context, size_t size, double* peak) {
   std::string path = context.dir + "/shot.png";
   Child command({{context.options.nurel, "screenshot", "t1", "--file", path},
-                 {context.socketEnv()}, false, context.options.runner});
+                 {context.socketEnv()},
+                 false,
+                 context.options.runner});
   check(command.wait() == 0, "nurel screenshot --file failed");
   struct stat info {};
   check(stat(path.c_str(), &info) == 0 && size_t(info.st_size) == size / 4 * 3,
@@ -314,8 +349,10 @@ Relayed relayed(Context& context, int mebibytes) {
 }
 
 void figureRelay(Context& context) {
-  std::printf("\n3) a screenshot reply relayed: the browser's first byte to the host's last byte\n");
-  std::printf("   baseline: the same bytes through a Unix socket and a pipe, plain reads and writes\n");
+  std::printf(
+      "\n3) a screenshot reply relayed: the browser's first byte to the host's last byte\n");
+  std::printf(
+      "   baseline: the same bytes through a Unix socket and a pipe, plain reads and writes\n");
   std::vector<std::pair<int, Relayed>> all;
   for (int mebibytes : context.options.sizes) {
     Relayed one = relayed(context, mebibytes);
@@ -340,10 +377,11 @@ void figureRelay(Context& context) {
     double file = all[i].second.file.median() / all[i - 1].second.file.median();
     double relay = all[i].second.relay.median() / all[i - 1].second.relay.median();
     double limit = step * 1.1;
-    std::printf("   growth %d -> %d MiB (%.0fx size): baseline %.2fx, mcp %.2fx, --file %.2fx"
-                " (goal <= %.1fx: %s)\n",
-                all[i - 1].first, all[i].first, step, relay, mcp, file, limit,
-                verdict(mcp <= limit && file <= limit).c_str());
+    std::printf(
+        "   growth %d -> %d MiB (%.0fx size): baseline %.2fx, mcp %.2fx, --file %.2fx"
+        " (goal <= %.1fx: %s)\n",
+        all[i - 1].first, all[i].first, step, relay, mcp, file, limit,
+        verdict(mcp <= limit && file <= limit).c_str());
   }
 }
 
@@ -368,19 +406,20 @@ void figureCalls(Context& context) {
   };
   auto viaRelay = [&] {
     int64_t start = now();
-    relay.send(R"({"id":)" + std::to_string(++relayID) + R"(,"method":"tabs","params":{}})" "\n");
+    relay.send(R"({"id":)" + std::to_string(++relayID) +
+               R"(,"method":"tabs","params":{}})"
+               "\n");
     relay.line(&head, nullptr, 512);
     int64_t took = now() - start;
     check(head.find("Example Domain") != std::string::npos, "the relay answered " + head);
     return took;
   };
   for (int i = 0; i < 200; ++i) viaServer(), viaRelay();
+  // One call each in turn, so that a busy moment of the machine hits both alike.
   Series serverTimes, relayTimes;
-  for (int done = 0; done < o.calls;) {
-    int block = std::min(500, o.calls - done);
-    for (int i = 0; i < block; ++i) serverTimes.add(viaServer());
-    for (int i = 0; i < block; ++i) relayTimes.add(viaRelay());
-    done += block;
+  for (int i = 0; i < o.calls; ++i) {
+    serverTimes.add(viaServer());
+    relayTimes.add(viaRelay());
   }
   check(server.wait() == 0, "nurel mcp failed");
   relay.wait();
@@ -389,8 +428,8 @@ void figureCalls(Context& context) {
   std::printf("   baseline: the same exchange through a process that only copies bytes\n");
   row("baseline: one round trip through a copier", relayTimes,
       format("p99 %.1f us", relayTimes.at(0.99) * 1000), 1000, "us");
-  row("nurel mcp: one tools/call", serverTimes,
-      format("p99 %.1f us", serverTimes.at(0.99) * 1000), 1000, "us");
+  row("nurel mcp: one tools/call", serverTimes, format("p99 %.1f us", serverTimes.at(0.99) * 1000),
+      1000, "us");
   std::printf("   %-38s median %.1f us, p99 %.1f us per call\n", "added by nurel",
               (serverTimes.median() - relayTimes.median()) * 1000,
               (serverTimes.at(0.99) - relayTimes.at(0.99)) * 1000);
@@ -398,11 +437,13 @@ void figureCalls(Context& context) {
 
 Options parse(int argc, char** argv) {
   Options o;
-  std::map<std::string, std::string*> texts = {{"--nurel", &o.nurel}, {"--floor", &o.floor},
-                                               {"--runner", &o.runner}, {"--relay", &o.relay},
-                                               {"--figures", &o.figures}};
-  std::map<std::string, int*> numbers = {{"--starts", &o.starts}, {"--node-runs", &o.nodeRuns},
-                                         {"--runs", &o.runs}, {"--calls", &o.calls}};
+  std::map<std::string, std::string*> texts = {
+      {"--nurel", &o.nurel}, {"--floor", &o.floor},     {"--runner", &o.runner},
+      {"--relay", &o.relay}, {"--figures", &o.figures}, {"--dynamic-floor", &o.dynamicFloor}};
+  std::map<std::string, int*> numbers = {{"--starts", &o.starts},
+                                         {"--node-runs", &o.nodeRuns},
+                                         {"--runs", &o.runs},
+                                         {"--calls", &o.calls}};
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string name = argv[i], value = argv[i + 1];
     if (texts.count(name)) {
@@ -432,7 +473,8 @@ void header(const Options& o) {
   std::printf("nurel benchmarks: %s %s %s, %u CPUs, load average %s\n", system.sysname,
               system.release, system.machine, std::thread::hardware_concurrency(),
               loadAverage().c_str());
-  std::printf("times: median [min .. max] over n runs; ratios compare medians measured in this run\n");
+  std::printf(
+      "times: median [min .. max] over n runs; ratios compare medians measured in this run\n");
   std::printf("nurel: %s\n", o.nurel.c_str());
 }
 

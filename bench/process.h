@@ -48,8 +48,8 @@ class Child {
  private:
   bool readReport(int timeoutMs);
 
-  pid_t pid = -1;       // the program (under the runner: the runner)
-  pid_t program = -1;   // the program itself
+  pid_t pid = -1;      // the program (under the runner: the runner)
+  pid_t program = -1;  // the program itself
   int input = -1, output = -1, report = -1;
   std::vector<char> block = std::vector<char>(1 << 20);
   size_t begin = 0, end = 0;

@@ -11,8 +11,8 @@ root=$(dirname "$bench")
 build=${NUREL_BENCH_BUILD:-$root/build-bench}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUREL_BENCH=ON >/dev/null
-cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_run \
-  nurel_bench_relay >/dev/null
+cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_floor_dynamic \
+  nurel_bench_run nurel_bench_relay nurel_bench_json >/dev/null
 
 node_modules=$bench/node_modules
 if command -v node >/dev/null && command -v npm >/dev/null; then
@@ -29,4 +29,5 @@ else
 fi
 
 exec "$build/bench/nurel_bench" --nurel "$build/nurel" --floor "$build/bench/nurel_bench_floor" \
-  --runner "$build/bench/nurel_bench_run" --relay "$build/bench/nurel_bench_relay" "$@"
+  --dynamic-floor "$build/bench/nurel_bench_floor_dynamic" --runner "$build/bench/nurel_bench_run" \
+  --relay "$build/bench/nurel_bench_relay" "$@"
