@@ -108,7 +108,9 @@ class Generator {
       space(out);
       if (object) {
         // Few distinct keys, so that repeated keys occur.
-        out += "\"" + std::string(1, char('a' + pick(4))) + "\"";
+        out += '"';
+        out += char('a' + pick(4));
+        out += '"';
         space(out);
         out += ':';
         space(out);
