@@ -28,7 +28,12 @@
 #endif
 #endif
 #ifdef NUREL_FUZZ_ASAN
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtime's allocator hooks; g++ ships the runtime without this header.
+extern "C" {
+int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*, size_t),
+                                              void (*)(const volatile void*));
+size_t __sanitizer_get_allocated_size(const volatile void*);
+}
 #endif
 
 namespace nurel::fuzz {
@@ -229,7 +234,7 @@ void onMalloc(const volatile void*, size_t bytes) {
 
 void onFree(const volatile void* pointer) {
   if (!tracking.load(std::memory_order_relaxed) || !pointer) return;
-  live -= static_cast<long long>(__sanitizer_get_allocated_size(const_cast<void*>(pointer)));
+  live -= static_cast<long long>(__sanitizer_get_allocated_size(pointer));
 }
 #endif
 

@@ -1,0 +1,164 @@
+// tests/session.cpp: a program driven line by line, and a browser scripted by hand.
+#include "tests/session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "tests/run_nurel.h"
+
+extern char** environ;
+
+namespace nurel::testing {
+
+Session::Session(const std::string& program, const std::vector<std::string>& arguments,
+                 const std::string& socket) {
+  int in[2], out[2];
+  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe failed");
+  std::string errorFile = dir.file("stderr");
+  std::vector<std::string> env{"NUREL_SOCKET=" + socket};
+  for (char** entry = environ; *entry; ++entry)
+    if (std::strncmp(*entry, "NUREL_SOCKET=", 13) != 0) env.emplace_back(*entry);
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  for (auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (auto& pair : env) envp.push_back(pair.data());
+  envp.push_back(nullptr);
+  pid = fork();
+  if (pid == 0) {
+    int err = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(in[0], 0);
+    dup2(out[1], 1);
+    dup2(err, 2);
+    execve(program.c_str(), argv.data(), envp.data());
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  input = in[1];
+  output = out[0];
+}
+
+Session::Session(const std::string& socket) : Session(NUREL_BINARY, {"mcp"}, socket) {}
+
+Session::~Session() {
+  if (pid > 0) {
+    kill(pid, SIGKILL);
+    finish();
+  }
+}
+
+void Session::send(const std::string& line) {
+  std::string bytes = line + "\n";
+  for (size_t done = 0; done < bytes.size();) {
+    ssize_t wrote = write(input, bytes.data() + done, bytes.size() - done);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote < 1) return;
+    done += size_t(wrote);
+  }
+}
+
+std::optional<std::string> Session::next() {
+  for (;;) {
+    auto newline = pending.find('\n');
+    if (newline != std::string::npos) {
+      std::string line = pending.substr(0, newline);
+      pending.erase(0, newline + 1);
+      return line;
+    }
+    if (output < 0) return std::nullopt;
+    pollfd waiting{output, POLLIN, 0};
+    if (poll(&waiting, 1, 60000) == 0) return std::nullopt;
+    char block[65536];
+    ssize_t got = read(output, block, sizeof block);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return std::nullopt;
+    pending.append(block, size_t(got));
+  }
+}
+
+void Session::stopReading() {
+  if (output >= 0) close(output);
+  output = -1;
+}
+
+int Session::finish() {
+  if (input >= 0) close(input);
+  input = -1;
+  if (output >= 0) {
+    char block[65536];
+    for (ssize_t got; (got = read(output, block, sizeof block)) != 0;) {
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) break;
+      pending.append(block, size_t(got));
+    }
+    close(output);
+    output = -1;
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  pid = -1;
+  if (WIFSIGNALED(status)) killedBy = WTERMSIG(status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string Session::errors() const { return readFile(dir.file("stderr")).value_or(""); }
+
+HandMadeBrowser::HandMadeBrowser(Serve serve) : path(dir.file("agent.sock")) {
+  listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener, 4) != 0)
+    throw std::runtime_error("cannot listen on " + path);
+  worker = std::thread([this, serve = std::move(serve)] {
+    for (int connection = 0;; ++connection) {
+      int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) return;  // the listener was shut down
+      serve(client, connection);
+      close(client);
+    }
+  });
+}
+
+HandMadeBrowser::~HandMadeBrowser() {
+  // Shutting a listening socket down wakes the accept() that waits on it.
+  shutdown(listener, SHUT_RDWR);
+  worker.join();
+  close(listener);
+}
+
+std::string readRequest(int fd) {
+  std::string line;
+  char c;
+  while (read(fd, &c, 1) == 1 && c != '\n') line += c;
+  return line;
+}
+
+void sendBytes(int fd, std::string_view bytes) {
+  for (size_t done = 0; done < bytes.size();) {
+    ssize_t wrote = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote < 1) return;
+    done += size_t(wrote);
+  }
+}
+
+std::string toolCall(const std::string& id, const std::string& tool, const std::string& arguments) {
+  return R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"tools/call","params":{"name":")" + tool +
+         R"(","arguments":)" + arguments + "}}";
+}
+
+}  // namespace nurel::testing
