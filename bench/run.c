@@ -6,7 +6,8 @@
  * (ns on the monotonic clock) to descriptor 3, then exits. A child made by vfork or
  * posix_spawn inherits its parent's peak RSS at exec, so the benchmark driver, which holds
  * replies of hundreds of MiB, cannot read a program's own peak from wait4(); this small static
- * program stands between them and is the only parent the measured program ever had. */
+ * program stands between them and is the only parent the measured program ever had. The long
+ * MCP session test measures `nurel mcp` through it for the same reason. */
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <sys/resource.h>

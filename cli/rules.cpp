@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -251,7 +253,14 @@ std::optional<double> readNumber(std::string_view text) {
   double value = 0;
   const char* end = text.data() + text.size();
   auto [stop, error] = std::from_chars(text.data(), end, value, std::chars_format::general);
-  if (error != std::errc() || stop != end) return std::nullopt;
+  if (stop != end) return std::nullopt;
+  if (error == std::errc::result_out_of_range) {
+    // from_chars gives up on both ends of the range; a value too small to hold (1e-400) is
+    // as good as zero, while one too large (1e999) has no JSON form and does not read.
+    value = std::strtod(std::string(text).c_str(), nullptr);
+    return std::isfinite(value) ? std::optional(value) : std::nullopt;
+  }
+  if (error != std::errc()) return std::nullopt;
   return value;
 }
 

@@ -20,7 +20,8 @@ std::optional<std::int64_t> readInteger(std::string_view text);
 
 /// `text` read whole as a decimal floating-point number: an optional sign, digits with an
 /// optional point, an optional exponent. Nothing for anything else: "inf", "nan",
-/// hexadecimal, surrounding white space, an empty text, or a value out of a double's range.
+/// hexadecimal, surrounding white space, an empty text, or a value too large for a double. A
+/// value too small for one reads as the nearest double (1e-400 as 0).
 std::optional<double> readNumber(std::string_view text);
 
 }  // namespace nurel

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 
 namespace nurel {
@@ -59,6 +60,13 @@ TEST(Numbers, DecimalNumbersRead) {
   EXPECT_EQ(1000.0, readNumber("1E+3"));
   EXPECT_EQ(0.015, readNumber("1.5e-2"));
   EXPECT_EQ(-150.0, readNumber("-1.5e2"));
+}
+
+TEST(Numbers, TooSmallForADoubleReadsAsTheNearest) {
+  EXPECT_EQ(0.0, readNumber("1e-400"));
+  EXPECT_EQ(0.0, readNumber("-1e-400"));
+  EXPECT_TRUE(std::signbit(*readNumber("-1e-400")));
+  EXPECT_LT(0.0, *readNumber("4e-320"));  // a subnormal double
 }
 
 TEST(Numbers, InfinityNanHexadecimalAndEmptyNeverRead) {

@@ -505,6 +505,8 @@ Json parseDocument(std::string_view text) {
 
 std::string compact(const Json& value) { return written(value, -1, true); }
 
+std::string compactRepaired(const Json& value) { return written(value, -1, false); }
+
 std::string compactInOrder(const nlohmann::ordered_json& value) { return written(value, -1, true); }
 
 std::string indented(const Json& value) { return written(value, 2, false); }

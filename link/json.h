@@ -23,6 +23,9 @@ Json parseDocument(std::string_view text);
 /// `JsonError` for a string that is not valid UTF-8. The text has room for one more byte, so a
 /// caller can add a line feed without copying it.
 std::string compact(const Json& value);
+/// compact(), but a string that is not valid UTF-8 (a path named by bytes of another encoding)
+/// gets U+FFFD in place of its invalid bytes instead of failing. Never throws JsonError.
+std::string compactRepaired(const Json& value);
 /// compact() for a value whose objects keep their members in insertion order.
 std::string compactInOrder(const nlohmann::ordered_json& value);
 

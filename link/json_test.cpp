@@ -370,6 +370,16 @@ TEST(JsonWrite, NotUtf8CannotBeSent) {
   }
 }
 
+TEST(JsonWrite, RepairedTextIsNlohmannsCompactDumpWithReplacements) {
+  std::mt19937 random(6);
+  for (int i = 0; i < 5000; ++i) {
+    Json value = generatedValue(random, 0);
+    ASSERT_EQ(value.dump(-1, ' ', false, Json::error_handler_t::replace), compactRepaired(value));
+  }
+  EXPECT_EQ("{\"text\":\"saved to /tmp/bad\xef\xbf\xbd/a.pdf\"}",
+            compactRepaired({{"text", "saved to /tmp/bad\xff/a.pdf"}}));
+}
+
 TEST(JsonWrite, ALongStringIsWrittenWholeWithRoomForALineFeed) {
   std::string big(9 << 20, 'x');
   big += "\"/\x01\u00e9";

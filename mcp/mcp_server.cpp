@@ -22,8 +22,11 @@ namespace {
 constexpr size_t readBlock = 65536;
 constexpr const char* defaultVersion = "2025-06-18";
 
+// A tool result may quote a path whose bytes are not UTF-8 (a folder named in another
+// encoding); it is sent with replacement characters rather than not at all, so the host is
+// never left waiting for an answer.
 std::string answerText(const Json& id, Json result) {
-  return compact({{"jsonrpc", "2.0"}, {"id", id}, {"result", std::move(result)}});
+  return compactRepaired({{"jsonrpc", "2.0"}, {"id", id}, {"result", std::move(result)}});
 }
 
 Json initialized(const Json& params) {
@@ -89,7 +92,7 @@ std::optional<std::string> MCPServer::handle(std::string_view line) {
                     {"id", *id},
                     {"error", {{"code", -32601}, {"message", "unknown method " + method}}}});
   } catch (...) {
-    // An answer that cannot be serialised (a text that is not UTF-8) or built is dropped.
+    // An answer that cannot be built (memory runs out) is dropped.
     return std::nullopt;
   }
 }

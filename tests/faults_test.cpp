@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "tests/fake_browser.h"
@@ -326,6 +327,31 @@ TEST(Faults, AMissingFolderFailsInBothFrontEndsAndCreatesNothing) {
   EXPECT_TRUE(result.isError);
   EXPECT_EQ("couldn't write " + path + ": no such file or directory", result.text);
   EXPECT_EQ(std::vector<std::string>{}, othersIn(dir.path()));
+}
+
+TEST(Faults, APathThatIsNotUtf8IsAnsweredWithReplacementCharacters) {
+  TempDir dir;
+  std::string folder = dir.file("bad\xff");
+  std::filesystem::create_directory(folder);
+  FakeBrowser browser({R"({"id":$id,"result":{"pdf":"JVBERg=="}})", R"({"id":$id,"result":"a"})"});
+  RunOptions options = withSocket(browser.socket());
+  options.cwd = folder;
+  options.input = toolCall("1", "save_pdf", R"({"tab":"t1","file":"a.pdf"})") + "\n" +
+                  toolCall("2", "get_text", R"({"tab":"t1","file":"a.txt"})") + "\n" +
+                  R"({"jsonrpc":"2.0","id":3,"method":"ping"})" + "\n";
+  Outcome run = runNurel({"mcp"}, options);
+  EXPECT_EQ(0, run.status);
+  std::string shown = dir.file("bad\xef\xbf\xbd");
+  std::istringstream lines(run.out);
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ("saved the page to " + shown + "/a.pdf", toolResult(line, "1").text);
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ("saved 1 lines to " + shown + "/a.txt", toolResult(line, "2").text);
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(R"({"id":3,"jsonrpc":"2.0","result":{}})", json::parse(line).dump());
+  EXPECT_EQ("%PDF", readFile(folder + "/a.pdf").value());
+  EXPECT_EQ("a\n", readFile(folder + "/a.txt").value());
 }
 
 // A folder where nothing may be created. Folder permissions do not stop root, so as root the

@@ -39,7 +39,7 @@ for target in cli mcp_line reply printed; do
     tail -n 60 "$log"
     exit 1
   fi
-  echo "$target: $(grep -E '^#[0-9]+ +DONE' "$log" | tail -n 1)"
+  echo "$target: $(grep -E "^Done [0-9]+ runs" "$log" | tail -n 1)"
 done
 
 echo "== the MCP TypeScript SDK's client drives nurel mcp =="
