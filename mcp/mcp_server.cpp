@@ -6,6 +6,7 @@
 #include "mcp/mcp_server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,9 +32,8 @@ std::string answerText(const Json& id, Json result) {
 
 Json initialized(const Json& params) {
   auto version = params.find("protocolVersion");
-  return {{"protocolVersion", version != params.end() && version->is_string()
-                                  ? *version
-                                  : Json(defaultVersion)},
+  return {{"protocolVersion",
+           version != params.end() && version->is_string() ? *version : Json(defaultVersion)},
           {"capabilities", {{"tools", Json::object()}}},
           {"serverInfo", {{"name", "nurel"}, {"version", "1"}}},
           {"instructions", agentGuide()}};
@@ -81,8 +81,8 @@ std::optional<std::string> MCPServer::handle(std::string_view line) {
     if (method == "initialize") return answerText(*id, initialized(params));
     if (method == "ping") return answerText(*id, Json::object());
     if (method == "tools/list")
-      return R"({"jsonrpc":"2.0","id":)" + compact(*id) + R"(,"result":{"tools":)" +
-             toolsText() + "}}";
+      return R"({"jsonrpc":"2.0","id":)" + compact(*id) + R"(,"result":{"tools":)" + toolsText() +
+             "}}";
     if (method == "tools/call") {
       const Json& name = memberOr(params, "name", &Json::is_string, none);
       const Json& arguments = memberOr(params, "arguments", &Json::is_object, empty);
@@ -115,8 +115,8 @@ void MCPServer::run() {
     }
   };
   for (;;) {
-    if (auto* newline = static_cast<const char*>(std::memchr(
-            buffer.data() + start + searched, '\n', buffer.size() - start - searched))) {
+    if (auto* newline = static_cast<const char*>(std::memchr(buffer.data() + start + searched, '\n',
+                                                             buffer.size() - start - searched))) {
       size_t end = size_t(newline - buffer.data());
       if (!skipping) serve(std::string_view(buffer).substr(start, end - start));
       skipping = false;
@@ -138,8 +138,12 @@ void MCPServer::run() {
       buffer.resize(readBlock);
     }
     ssize_t got;
-    do got = read(0, buffer.data() + old, readBlock);
-    while (got < 0 && errno == EINTR);
+    for (;;) {
+      got = read(0, buffer.data() + old, readBlock);
+      if (got >= 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) break;
+      // Standard input may have been made non-blocking by whoever shares it: wait for it.
+      if (errno != EINTR) waitFor(0, POLLIN);
+    }
     buffer.resize(old + size_t(got > 0 ? got : 0));
     if (got < 1) break;
   }

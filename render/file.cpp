@@ -1,8 +1,10 @@
 // render/file.cpp: writing a file whole, or not at all.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,10 +40,21 @@ void writeInPlace(const std::string& shown, const std::string& target, std::stri
 
 }  // namespace
 
+void waitFor(int fd, short events) {
+  pollfd one{fd, events, 0};
+  while (poll(&one, 1, -1) < 0 && errno == EINTR) {
+  }
+}
+
 bool writeAll(int fd, std::string_view bytes) {
   for (size_t done = 0; done < bytes.size();) {
     ssize_t wrote = write(fd, bytes.data() + done, bytes.size() - done);
     if (wrote < 0 && errno == EINTR) continue;
+    // A descriptor the other side made non-blocking (a host's pipe can be) is waited on.
+    if (wrote < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      waitFor(fd, POLLOUT);
+      continue;
+    }
     if (wrote < 1) return false;
     done += size_t(wrote);
   }
@@ -68,8 +81,14 @@ std::string writeFile(const std::string& path, std::string_view bytes) {
     return shown;
   }
   auto slash = target.rfind('/');
+  // The temporary name keeps at most 200 bytes of the file's name, cut between characters:
+  // some file systems refuse names that are not UTF-8.
+  std::string name = target.substr(slash + 1);
+  size_t kept = std::min<size_t>(name.size(), 200);
+  while (kept > 0 && kept < name.size() && (static_cast<unsigned char>(name[kept]) & 0xC0) == 0x80)
+    --kept;
   std::string temporary =
-      target.substr(0, slash + 1) + "." + target.substr(slash + 1, 200) + ".nurel-XXXXXX";
+      target.substr(0, slash + 1) + "." + name.substr(0, kept) + ".nurel-XXXXXX";
   int fd = mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) throw failed(shown, errno);
   fchmod(fd, exists && S_ISREG(info.st_mode) ? info.st_mode & 07777 : newFileMode());

@@ -25,9 +25,12 @@ std::string save(const std::string& text, const std::string& path);
 /// Throws FileError ("couldn't write <path>: <reason>").
 std::string writeFile(const std::string& path, std::string_view bytes);
 
-/// Writes all of `bytes` to descriptor `fd`, retrying short and interrupted writes; false on
-/// an error.
+/// Writes all of `bytes` to descriptor `fd`, retrying short and interrupted writes and waiting
+/// while a non-blocking descriptor is full; false on an error.
 bool writeAll(int fd, std::string_view bytes);
+
+/// Waits until `fd` is ready for `events` (POLLIN, POLLOUT), or has failed or been closed.
+void waitFor(int fd, short events);
 
 /// A file that could not be written; `what()` is one lower-case line.
 class FileError : public std::runtime_error {

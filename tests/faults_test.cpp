@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -271,6 +273,56 @@ TEST(Faults, McpWhoseHostStopsReadingDoesNotDieOfSigpipe) {
   EXPECT_EQ(0, mcp.signal());
   EXPECT_EQ("", mcp.errors());
   EXPECT_TRUE(browser.waitFor(1));
+}
+
+// A host may hand over pipes it made non-blocking: the server waits for input on them instead
+// of taking "try again" for the end of input, and writes its answers whole.
+TEST(Faults, McpOnNonBlockingPipesWaitsForInputAndWritesWholeAnswers) {
+  FakeBrowser browser;
+  // A server that gave up early must fail the test, not end it with SIGPIPE.
+  std::signal(SIGPIPE, SIG_IGN);
+  int in[2], out[2];
+  ASSERT_EQ(0, pipe(in));
+  ASSERT_EQ(0, pipe(out));
+  fcntl(in[0], F_SETFL, O_NONBLOCK);
+  fcntl(out[1], F_SETFL, O_NONBLOCK);
+#ifdef F_SETPIPE_SZ
+  fcntl(out[1], F_SETPIPE_SZ, 4096);
+#endif
+  std::string socket = "NUREL_SOCKET=" + browser.socket();
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(in[0], 0);
+    dup2(out[1], 1);
+    for (int fd : {in[0], in[1], out[0], out[1]}) close(fd);
+    char* argv[] = {const_cast<char*>(NUREL_BINARY), const_cast<char*>("mcp"), nullptr};
+    char* envp[] = {socket.data(), nullptr};
+    execve(NUREL_BINARY, argv, envp);
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  // The answer to tools/list is larger than this pipe holds, and nothing reads it until the
+  // input has ended, so the server meets a full pipe too.
+  std::string first = R"({"jsonrpc":"2.0","id":1,"method":"tools/list"})" "\n";
+  ASSERT_EQ(ssize_t(first.size()), write(in[1], first.data(), first.size()));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  std::string second = R"({"jsonrpc":"2.0","id":2,"method":"ping"})" "\n";
+  ASSERT_EQ(ssize_t(second.size()), write(in[1], second.data(), second.size()));
+  close(in[1]);
+  std::string answers;
+  char block[65536];
+  for (ssize_t got; (got = read(out[0], block, sizeof block)) > 0;) answers.append(block, got);
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  auto newline = answers.find('\n');
+  ASSERT_NE(std::string::npos, newline);
+  json list = json::parse(answers.substr(0, newline));
+  EXPECT_EQ(36u, list.at("result").at("tools").size());
+  EXPECT_EQ(R"({"id":2,"jsonrpc":"2.0","result":{}})",
+            json::parse(answers.substr(newline + 1)).dump());
 }
 
 // ---- files that cannot be written ----
