@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -45,6 +46,18 @@ TEST(AgentGuide, HoldsOneArrowInUtf8AndNoOtherNonAscii) {
   ASSERT_NE(std::string::npos, at);
   EXPECT_EQ(at + 10, guide.find(arrow));
   EXPECT_EQ(std::string::npos, guide.find(arrow, at + 11));
+}
+
+// tests/guide.txt is a copy of what `nurel guide` must print, kept apart from the code that
+// prints it: the guide, a blank line, the usage text and a line feed.
+TEST(Guide, PrintsExactlyTheExpectedText) {
+  std::optional<std::string> expected = testing::readFile(NUREL_TEST_DIR "/guide.txt");
+  ASSERT_TRUE(expected);
+  EXPECT_EQ(2349u + 2 + 4652 + 1, expected->size());
+  testing::Outcome outcome = testing::runNurel({"guide"});
+  EXPECT_EQ(*expected, outcome.out);
+  EXPECT_EQ(0, outcome.status);
+  EXPECT_EQ(*expected, agentGuide() + "\n\n" + usage() + "\n");
 }
 
 TEST(Guide, PrintsTheGuideABlankLineAndTheUsageWithoutTheBrowser) {
