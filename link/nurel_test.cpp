@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <memory>
 
 #include "link/places.h"
@@ -133,6 +134,22 @@ TEST_F(LinkTest, LongSocketPathsAreCutAt103Bytes) {
   EXPECT_TRUE(launch.starts.empty());
 }
 
+TEST_F(LinkTest, TheCutMayFallInsideACharacter) {
+  TempDir dir;
+  std::string before = dir.path() + "/";
+  before += std::string(102 - before.size(), 's');
+  // "\xc3\xa9" is one character; its first byte is the 103rd of the path.
+  std::string cut = before + "\xc3";
+  ASSERT_EQ(103u, cut.size());
+  FakeBrowser browser(testing::At{cut}, {});
+  socketPath = before + "\xc3\xa9-and-more";
+  Nurel nurel(launch);
+  nurel.connect();
+  nurel.call("tabs");
+  EXPECT_TRUE(browser.waitFor(1));
+  EXPECT_TRUE(launch.starts.empty());
+}
+
 TEST_F(LinkTest, ReconnectingClosesTheOldDescriptorAndDropsBufferedBytes) {
   // The first reply carries a second line after it, which stays buffered.
   FakeBrowser browser(
@@ -154,6 +171,27 @@ TEST_F(LinkTest, ReconnectingClosesTheOldDescriptorAndDropsBufferedBytes) {
       << "the old descriptor is still open";
   EXPECT_EQ(Json("fresh"), nurel.call("tabs"));
   EXPECT_EQ(2, browser.connections());
+}
+
+TEST_F(LinkTest, AFailedConnectKeepsTheDescriptorAndTheBufferedBytes) {
+  // The first reply carries a second line after it, which stays buffered.
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":1,\"result\":\"first\"}\n{\"id\":2,\"result\":\"buffered\"}\n")",
+       R"({"id":$id,"result":"read afresh"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  int old = nurel.descriptor();
+  EXPECT_EQ(Json("first"), nurel.call("tabs"));
+  TempDir dir;
+  socketPath = dir.file("nobody.sock");
+  EXPECT_THROW(nurel.connect(), NurelError);
+  EXPECT_EQ(100u, launch.pauses.size());
+  EXPECT_EQ(old, nurel.descriptor());
+  // The old connection still carries requests, and the buffered line answers the next one.
+  EXPECT_EQ(Json("buffered"), nurel.call("tabs"));
+  EXPECT_TRUE(browser.waitFor(2));
+  EXPECT_EQ(1, browser.connections());
 }
 
 TEST_F(LinkTest, DestroyingALinkLeavesItsDescriptorOpen) {
@@ -322,6 +360,51 @@ TEST_F(LinkTest, CallingWithoutConnectingFailsAtTheWrite) {
   } catch (const NurelError& error) {
     EXPECT_TRUE(error.isLost());
     EXPECT_EQ("lost the connection to Nurel", error.text());
+  }
+}
+
+TEST_F(LinkTest, WritingToABrowserThatHasGoneNamesTheDataName) {
+  std::signal(SIGPIPE, SIG_IGN);  // as the program does at start-up
+  FakeBrowser browser({"!close"});
+  socketPath = browser.socket();
+  dataName = "Nurel Beta";
+  Nurel nurel(launch);
+  nurel.connect();
+  // The browser hangs up without answering; the next request has nobody to go to.
+  EXPECT_THROW(nurel.call("tabs"), NurelError);
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_TRUE(error.isLost());
+    EXPECT_EQ("lost the connection to Nurel Beta", error.text());
+  }
+}
+
+TEST_F(LinkTest, CallingWithoutConnectingNamesTheDataName) {
+  dataName = "Nurel Beta";
+  Nurel nurel(launch);
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const NurelError& error) {
+    EXPECT_EQ("lost the connection to Nurel Beta", error.text());
+  }
+}
+
+TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
+  FakeBrowser browser({R"(!bytes "42\n")"});
+  socketPath = browser.socket();
+  dataName = "Nurel Beta";
+  Nurel nurel(launch);
+  nurel.connect();
+  try {
+    nurel.call("tabs");
+    FAIL();
+  } catch (const JsonError& error) {
+    EXPECT_EQ(std::string("couldn't read a reply from Nurel Beta: JSON text that is neither an "
+                          "object nor an array"),
+              error.what());
   }
 }
 

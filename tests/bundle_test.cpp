@@ -103,6 +103,28 @@ TEST(Bundle, SocketPathsAreCutAt103Bytes) {
   EXPECT_EQ("cut\n", run.out) << run.err;
 }
 
+TEST(Bundle, SocketPathsAreCutInsideACharacter) {
+  TempDir dir;
+  std::string before = dir.path() + "/";
+  before += std::string(102 - before.size(), 'c');
+  // The 103rd byte is the first of the two that make "\xc3\xa9".
+  FakeBrowser browser(At{before + "\xc3"}, {R"({"id":$id,"result":"cut"})"});
+  Outcome run = runNurel({"tabs"}, withSocket(before + "\xc3\xa9t\xc3\xa9"));
+  EXPECT_EQ("cut\n", run.out) << run.err;
+}
+
+TEST(Bundle, AnUnreadableReplyNamesTheDataName) {
+  Bundle bundle("Nurel Beta");
+  FakeBrowser browser({R"(!bytes "42\n")"});
+  Outcome run = runProgram(bundle.program(), {"tabs"}, withSocket(browser.socket()));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(
+      "couldn't read a reply from Nurel Beta: JSON text that is neither an object nor an "
+      "array\n",
+      run.err);
+  EXPECT_FALSE(bundle.launched());
+}
+
 TEST(Bundle, AnEmptySocketPathIsTriedStartsTheBrowserAndGivesUpSlow) {
   Bundle bundle("", false);
   Outcome run = runProgram(bundle.program(), {"tabs"}, withSocket(""));

@@ -41,6 +41,19 @@ TEST(Cli, GuidePrintsTheGuideABlankLineAndTheUsage) {
   EXPECT_EQ("", run.err);
 }
 
+TEST(Cli, McpIgnoresTheWordsAfterIt) {
+  NoBrowser none;
+  RunOptions options = none.options();
+  options.input = "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"ping\"}\n";
+  Outcome run = runNurel({"mcp", "--anything", "extra"}, options);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("", run.err);
+  ASSERT_FALSE(run.out.empty());
+  EXPECT_EQ('\n', run.out.back());
+  EXPECT_EQ(nlohmann::json({{"jsonrpc", "2.0"}, {"id", 1}, {"result", nlohmann::json::object()}}),
+            nlohmann::json::parse(run.out));
+}
+
 TEST(Cli, CommandsAreCaseSensitive) {
   for (const char* name : {"GUIDE", "Tabs", "help", "--help"}) {
     Outcome run = runNurel({name});
@@ -114,6 +127,23 @@ TEST(Cli, AReplyThatIsABareNumberFailsToDecode) {
   EXPECT_EQ(1, run.status);
   EXPECT_EQ("couldn't read a reply from Nurel: JSON text that is neither an object nor an array\n",
             run.err);
+}
+
+TEST(Cli, AnEmptyLineBeforeTheReplyFailsToDecode) {
+  FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":\"t1\"}\n")"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("couldn't read a reply from Nurel: empty line where JSON was expected\n", run.err);
+  EXPECT_EQ("", run.out);
+}
+
+TEST(Cli, AStaleErrorLineEndsTheCommand) {
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":7,\"error\":\"stale\"}\n{\"id\":1,\"result\":\"t1\"}\n")"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("stale\n", run.err);
+  EXPECT_EQ("", run.out);
 }
 
 TEST(Cli, AnArrayLineIsSkipped) {
@@ -230,6 +260,25 @@ TEST(Cli, ScreenshotSendsEverythingAndPrintsRefsFirst) {
                             {"intent", "i"}}),
             params(browser.requests().at(0)));
   EXPECT_EQ("e1 button \"OK\"\ne2 link\nsaved to " + dir.file("s.png") + "\n", run.out);
+}
+
+TEST(Cli, ScreenshotWithEmptyRefsPrintsOnlyWhereItSaved) {
+  TempDir dir;
+  FakeBrowser browser({R"({"id":$id,"result":{"png":"iVBORw0KGgo=","refs":""}})"});
+  Outcome run = runNurel({"screenshot", "t1", "--file", dir.file("s.png")}, at(browser));
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("saved to " + dir.file("s.png") + "\n", run.out);
+  EXPECT_EQ("", run.err);
+}
+
+TEST(Cli, AScreenshotThatCannotBeWrittenPrintsNoRefs) {
+  TempDir dir;
+  FakeBrowser browser({R"({"id":$id,"result":{"png":"iVBORw0KGgo=","refs":"e1 button \"OK\""}})"});
+  Outcome run = runNurel({"screenshot", "t1", "--file", dir.file("no/such/s.png")}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("", run.out);
+  EXPECT_EQ("couldn't write " + dir.file("no/such/s.png") + ": no such file or directory\n",
+            run.err);
 }
 
 TEST(Cli, ScreenshotWithoutPngIsNoScreenshot) {
