@@ -38,8 +38,8 @@ check "package name" "nurel" "$(dpkg-deb -f "$deb" Package 2>&1)"
 check_contains "depends on the property-list library it links" \
     "$(dpkg-deb -f "$deb" Depends 2>&1)" "libplist"
 
-dpkg-deb -x "$deb" "$scratch/root"
-"$scratch/root/usr/bin/nurel" guide >/dev/null
+dpkg-deb -x "$deb" "$scratch/tree"
+"$scratch/tree/usr/bin/nurel" guide >/dev/null
 check "the packaged nurel runs: guide exits 0" "0" "$?"
 
 finish
