@@ -8,6 +8,8 @@
 
 #include <csignal>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "link/places.h"
 #include "tests/fake_browser.h"
@@ -37,6 +39,26 @@ class RecordingLaunch : public Launch {
   size_t upOnPause = 0;
   std::unique_ptr<FakeBrowser> browser;
 };
+
+// The link error that a call ends with; nothing when it ends any other way.
+std::optional<NurelError> callFailure(Nurel& nurel) {
+  try {
+    nurel.call("tabs");
+  } catch (const NurelError& error) {
+    return error;
+  }
+  return std::nullopt;
+}
+
+// The message of the JSON error that a call ends with; empty when it ends any other way.
+std::string unreadable(Nurel& nurel) {
+  try {
+    nurel.call("tabs");
+  } catch (const JsonError& error) {
+    return error.what();
+  }
+  return "";
+}
 
 class LinkTest : public ::testing::Test {
  protected:
@@ -257,13 +279,10 @@ TEST_F(LinkTest, AnErrorLineForAnyIdEndsTheCall) {
   Nurel nurel(launch);
   nurel.connect();
   nurel.call("tabs");
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const NurelError& error) {
-    EXPECT_FALSE(error.isLost());
-    EXPECT_EQ("stale trouble", error.text());
-  }
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_FALSE(error->isLost());
+  EXPECT_EQ("stale trouble", error->text());
 }
 
 TEST_F(LinkTest, ANonStringErrorIsNotAnError) {
@@ -297,13 +316,8 @@ TEST_F(LinkTest, AnEmptyLineIsADecodingError) {
   socketPath = browser.socket();
   Nurel nurel(launch);
   nurel.connect();
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const JsonError& error) {
-    EXPECT_EQ(std::string("couldn't read a reply from Nurel: empty line where JSON was expected"),
-              error.what());
-  }
+  EXPECT_EQ(std::string("couldn't read a reply from Nurel: empty line where JSON was expected"),
+            unreadable(nurel));
 }
 
 TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
@@ -311,14 +325,9 @@ TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
   socketPath = browser.socket();
   Nurel nurel(launch);
   nurel.connect();
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const JsonError& error) {
-    EXPECT_EQ(std::string("couldn't read a reply from Nurel: JSON text that is neither an "
-                          "object nor an array"),
-              error.what());
-  }
+  EXPECT_EQ(std::string("couldn't read a reply from Nurel: JSON text that is neither an "
+                        "object nor an array"),
+            unreadable(nurel));
 }
 
 TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
@@ -326,15 +335,10 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
   socketPath = browser.socket();
   Nurel nurel(launch);
   nurel.connect();
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const JsonError& error) {
-    std::string text = error.what();
-    EXPECT_EQ(0u, text.find("couldn't read a reply from Nurel: ")) << text;
-    EXPECT_EQ(std::string::npos, text.find('\n'));
-    EXPECT_EQ(std::string::npos, text.find("json.exception"));
-  }
+  std::string text = unreadable(nurel);
+  EXPECT_EQ(0u, text.find("couldn't read a reply from Nurel: ")) << text;
+  EXPECT_EQ(std::string::npos, text.find('\n'));
+  EXPECT_EQ(std::string::npos, text.find("json.exception"));
 }
 
 TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
@@ -343,24 +347,18 @@ TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
   dataName = "Nurel Beta";
   Nurel nurel(launch);
   nurel.connect();
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const NurelError& error) {
-    EXPECT_TRUE(error.isLost());
-    EXPECT_EQ("Nurel Beta closed the connection", error.text());
-  }
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->isLost());
+  EXPECT_EQ("Nurel Beta closed the connection", error->text());
 }
 
 TEST_F(LinkTest, CallingWithoutConnectingFailsAtTheWrite) {
   Nurel nurel(launch);
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const NurelError& error) {
-    EXPECT_TRUE(error.isLost());
-    EXPECT_EQ("lost the connection to Nurel", error.text());
-  }
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->isLost());
+  EXPECT_EQ("lost the connection to Nurel", error->text());
 }
 
 TEST_F(LinkTest, WritingToABrowserThatHasGoneNamesTheDataName) {
@@ -372,24 +370,18 @@ TEST_F(LinkTest, WritingToABrowserThatHasGoneNamesTheDataName) {
   nurel.connect();
   // The browser hangs up without answering; the next request has nobody to go to.
   EXPECT_THROW(nurel.call("tabs"), NurelError);
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const NurelError& error) {
-    EXPECT_TRUE(error.isLost());
-    EXPECT_EQ("lost the connection to Nurel Beta", error.text());
-  }
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->isLost());
+  EXPECT_EQ("lost the connection to Nurel Beta", error->text());
 }
 
 TEST_F(LinkTest, CallingWithoutConnectingNamesTheDataName) {
   dataName = "Nurel Beta";
   Nurel nurel(launch);
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const NurelError& error) {
-    EXPECT_EQ("lost the connection to Nurel Beta", error.text());
-  }
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_EQ("lost the connection to Nurel Beta", error->text());
 }
 
 TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
@@ -398,14 +390,9 @@ TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
   dataName = "Nurel Beta";
   Nurel nurel(launch);
   nurel.connect();
-  try {
-    nurel.call("tabs");
-    FAIL();
-  } catch (const JsonError& error) {
-    EXPECT_EQ(std::string("couldn't read a reply from Nurel Beta: JSON text that is neither an "
-                          "object nor an array"),
-              error.what());
-  }
+  EXPECT_EQ(std::string("couldn't read a reply from Nurel Beta: JSON text that is neither an "
+                        "object nor an array"),
+            unreadable(nurel));
 }
 
 TEST_F(LinkTest, ParametersThatAreNotUtf8CannotBeSent) {
@@ -441,8 +428,8 @@ TEST_F(LinkTest, ALargeReplyAndTheLineAfterItAreBothKept) {
 
 TEST_F(LinkTest, AnUnreadableLargeLineIsDroppedWithItsError) {
   std::string big(5 * 65536, 'x');
-  FakeBrowser browser({"!bytes " + Json("[\"" + big + "\n" + R"({"id":2,"result":"two"})" + "\n").dump(),
-                       "!none"});
+  FakeBrowser browser(
+      {"!bytes " + Json("[\"" + big + "\n" + R"({"id":2,"result":"two"})" + "\n").dump(), "!none"});
   socketPath = browser.socket();
   Nurel nurel(launch);
   nurel.connect();
