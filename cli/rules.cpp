@@ -244,23 +244,18 @@ std::optional<std::int64_t> readInteger(std::string_view text) {
 }
 
 std::optional<double> readNumber(std::string_view text) {
-  // from_chars also reads "inf" and "nan"; only the characters of a decimal number may pass.
+  // Only the characters of a decimal number may pass: no "inf", "nan", hexadecimal or spaces.
   if (text.find_first_not_of("0123456789.eE+-") != std::string_view::npos) return std::nullopt;
   if (text.starts_with('+')) {
     text.remove_prefix(1);
     if (text.empty() || !(isDigit(text.front()) || text.front() == '.')) return std::nullopt;
   }
-  double value = 0;
-  const char* end = text.data() + text.size();
-  auto [stop, error] = std::from_chars(text.data(), end, value, std::chars_format::general);
-  if (stop != end) return std::nullopt;
-  if (error == std::errc::result_out_of_range) {
-    // from_chars gives up on both ends of the range; a value too small to hold (1e-400) is
-    // as good as zero, while one too large (1e999) has no JSON form and does not read.
-    value = std::strtod(std::string(text).c_str(), nullptr);
-    return std::isfinite(value) ? std::optional(value) : std::nullopt;
-  }
-  if (error != std::errc()) return std::nullopt;
+  // A sign left at the front is the number's own; a second one ("+-1", "--1") does not read.
+  bool outOfRange = false;
+  std::optional<double> value = readDecimal(text, outOfRange);
+  // A value too small to hold (1e-400) is as good as zero, while one too large (1e999) has no
+  // JSON form and does not read.
+  if (!value || !std::isfinite(*value)) return std::nullopt;
   return value;
 }
 

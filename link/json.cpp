@@ -7,7 +7,9 @@
 // so results and messages are nlohmann's own in every case.
 #include "link/json.h"
 
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -320,9 +322,10 @@ class FastReader {
       if (std::from_chars(start, at, n).ec == std::errc()) return out = n, true;
     }
     // Out of range either way (1e999, 1e-999) is nlohmann's to judge.
-    double d;
-    if (std::from_chars(start, at, d).ec != std::errc()) return false;
-    out = d;
+    bool outOfRange = false;
+    std::optional<double> d = readDecimal(std::string_view(start, size_t(at - start)), outOfRange);
+    if (!d || outOfRange) return false;
+    out = *d;
     return true;
   }
 
@@ -493,6 +496,32 @@ std::string written(const Value& value, int indent, bool strict) {
 }
 
 }  // namespace
+
+// strtod rather than std::from_chars: libstdc++'s from_chars for doubles asks libm for the
+// rounding mode, and libm is a shared library every command would then load at start-up for
+// nothing else. glibc's strtod rounds correctly too, and reads "." as the decimal point because
+// this program never sets a locale. It wants a terminated string, hence the copy.
+std::optional<double> readDecimal(std::string_view text, bool& outOfRange) {
+  outOfRange = false;
+  if (text.empty()) return std::nullopt;
+  char small[64];
+  std::string large;
+  const char* terminated;
+  if (text.size() < sizeof small) {
+    std::memcpy(small, text.data(), text.size());
+    small[text.size()] = '\0';
+    terminated = small;
+  } else {
+    large = text;
+    terminated = large.c_str();
+  }
+  char* stop = nullptr;
+  errno = 0;
+  double value = std::strtod(terminated, &stop);
+  if (stop != terminated + text.size()) return std::nullopt;
+  outOfRange = errno == ERANGE;
+  return value;
+}
 
 Json parseDocument(std::string_view text) {
   if (text.empty()) throw JsonError("empty line where JSON was expected");

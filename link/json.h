@@ -5,6 +5,8 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
 
 namespace nurel {
 
@@ -18,6 +20,12 @@ inline constexpr int maxDepth = 512;
 /// parser does (a repeated key keeps its last value). Throws `JsonError` with a one-line,
 /// lower-case reason when it is not one.
 Json parseDocument(std::string_view text);
+
+/// Reads all of `text`, the characters of a decimal number (digits, ".", "e", signs; the caller
+/// keeps other characters out), into the nearest double. Empty when it is not one number.
+/// `outOfRange` tells whether the value lay beyond a double's range, either way: an overflow
+/// reads as infinity, an underflow as zero or a subnormal.
+std::optional<double> readDecimal(std::string_view text, bool& outOfRange);
 
 /// Serialises `value` compactly (no spaces, "/" unescaped), as nlohmann's dump() does. Throws
 /// `JsonError` for a string that is not valid UTF-8. The text has room for one more byte, so a

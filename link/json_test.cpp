@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cmath>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -212,6 +213,27 @@ TEST(JsonRead, NumbersKeepNlohmannsTypes) {
   EXPECT_TRUE(value[4].is_number_float());
   EXPECT_EQ("[7,-7,18446744073709551615,1.8446744073709552e+19,-9.223372036854776e+18,7.0,100.0]",
             value.dump());
+}
+
+TEST(JsonRead, DecimalsReadWholeToTheNearestDouble) {
+  bool outOfRange = true;
+  EXPECT_EQ(0.1, readDecimal("0.1", outOfRange));
+  EXPECT_FALSE(outOfRange);
+  EXPECT_EQ(-2.5e-3, readDecimal("-2.5e-3", outOfRange));
+  EXPECT_EQ(5.0, readDecimal(".5e1", outOfRange));
+  EXPECT_EQ(1e300, readDecimal("1E+300", outOfRange));
+  // Longer than the buffer on the stack, and just above halfway: decided by its last digit.
+  std::string halfway = "9007199254740993." + std::string(80, '0') + "1";
+  EXPECT_EQ(9007199254740994.0, readDecimal(halfway, outOfRange));
+  EXPECT_FALSE(outOfRange);
+  for (std::string_view text : {"", "-", ".", "e5", "1e", "1.5.2", "1e5e3", "--1", "-+1", "1-2"})
+    EXPECT_EQ(std::nullopt, readDecimal(text, outOfRange)) << text;
+  // Only the characters given are read, not what follows them in memory.
+  EXPECT_EQ(12.0, readDecimal(std::string_view("12345", 2), outOfRange));
+  EXPECT_EQ(HUGE_VAL, readDecimal("1e999", outOfRange));
+  EXPECT_TRUE(outOfRange);
+  EXPECT_EQ(0.0, readDecimal("1e-400", outOfRange));
+  EXPECT_TRUE(outOfRange);
 }
 
 TEST(JsonRead, ARepeatedKeyKeepsItsLastValue) {
