@@ -46,9 +46,14 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_SOURCE_GENERATOR TGZ)
 set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build[^/]*/" "/node_modules/")
 
-# Debian: dependencies from the libraries the binary links (dpkg-shlibdeps), under /usr.
+# Debian: dependencies from the libraries the binary links (dpkg-shlibdeps) and libplist, under
+# /usr.
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(NUREL_PLIST_PACKAGE)
+  # Loaded at run time rather than linked, so dpkg-shlibdeps does not see it.
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS ${NUREL_PLIST_PACKAGE})
+endif()
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bash-completion")
 

@@ -1,15 +1,18 @@
 // link/places.cpp: the bundle, its Info.plist and the socket path.
 #include "link/places.h"
 
-#include <plist/plist.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
+#include <optional>
 
 #include "link/home.h"
+#include "link/plist_library.h"
 
 namespace nurel {
 
@@ -23,48 +26,70 @@ std::string dropLastComponent(std::string path) {
   return path.substr(0, slash);
 }
 
+// The whole file at `path`, or nothing when it cannot be opened or read. Plain reads rather than
+// a file stream: a stream sets up the C++ locale machinery, which every command would pay for at
+// start-up, with or without a bundle.
+std::optional<std::string> contentsOf(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string data;
+  char block[16384];
+  for (;;) {
+    ssize_t got = ::read(fd, block, sizeof block);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0 || data.size() + size_t(got) > UINT32_MAX) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (got == 0) break;
+    data.append(block, size_t(got));
+  }
+  ::close(fd);
+  return data;
+}
+
 // Property-list values as JSON; dates and data have no JSON form and are left out.
-Json fromPlist(plist_t node, int depth) {
+Json fromPlist(const PlistLibrary& plist, plist_t node, int depth) {
   if (!node || depth > maxDepth) return nullptr;
-  switch (plist_get_node_type(node)) {
+  switch (plist.nodeType(node)) {
     case PLIST_BOOLEAN: {
       uint8_t value = 0;
-      plist_get_bool_val(node, &value);
+      plist.boolValue(node, &value);
       return value != 0;
     }
     case PLIST_UINT: {
       uint64_t value = 0;
-      plist_get_uint_val(node, &value);
+      plist.uintValue(node, &value);
       return value;
     }
     case PLIST_REAL: {
       double value = 0;
-      plist_get_real_val(node, &value);
+      plist.realValue(node, &value);
       return value;
     }
     case PLIST_STRING: {
       char* value = nullptr;
-      plist_get_string_val(node, &value);
+      plist.stringValue(node, &value);
       Json out = value ? std::string(value) : std::string();
       free(value);
       return out;
     }
     case PLIST_ARRAY: {
       Json out = Json::array();
-      for (uint32_t i = 0, n = plist_array_get_size(node); i < n; ++i)
-        out.push_back(fromPlist(plist_array_get_item(node, i), depth + 1));
+      for (uint32_t i = 0, n = plist.arraySize(node); i < n; ++i)
+        out.push_back(fromPlist(plist, plist.arrayItem(node, i), depth + 1));
       return out;
     }
     case PLIST_DICT: {
       Json out = Json::object();
       plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
+      plist.dictIterator(node, &it);
       for (;;) {
         char* key = nullptr;
         plist_t value = nullptr;
-        plist_dict_next_item(node, it, &key, &value);
+        plist.dictNext(node, it, &key, &value);
         if (!key) break;
-        out[key] = fromPlist(value, depth + 1);
+        out[key] = fromPlist(plist, value, depth + 1);
         free(key);
       }
       free(it);
@@ -88,15 +113,16 @@ std::string bundleOf(const std::string& executable) {
 }
 
 Json readInfo(const std::string& bundle) {
-  std::ifstream file(bundle + "/Contents/Info.plist", std::ios::binary);
-  if (!file) return Json::object();
-  std::string data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (data.empty() || data.size() > UINT32_MAX) return Json::object();
+  std::optional<std::string> contents = contentsOf(bundle + "/Contents/Info.plist");
+  if (!contents || contents->empty()) return Json::object();
+  const std::string& data = *contents;
+  const PlistLibrary* plist = plistLibrary();
+  if (!plist) return Json::object();
   plist_t root = nullptr;
-  plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
+  plist->fromMemory(data.data(), static_cast<uint32_t>(data.size()), &root);
   if (!root) return Json::object();
-  Json out = plist_get_node_type(root) == PLIST_DICT ? fromPlist(root, 0) : Json::object();
-  plist_free(root);
+  Json out = plist->nodeType(root) == PLIST_DICT ? fromPlist(*plist, root, 0) : Json::object();
+  plist->free(root);
   return out;
 }
 

@@ -82,6 +82,24 @@ TEST(Bundle, TheDataNameChoosesTheDefaultSocket) {
   EXPECT_FALSE(bundle.launched());
 }
 
+#ifdef __linux__
+// The property-list library is loaded to read an Info.plist, and not by a program that has none
+// beside it: glibc's loader names each library it loads when LD_DEBUG=files.
+TEST(Bundle, ThePropertyListLibraryIsLoadedOnlyToReadTheInfoPlist) {
+  Bundle bundle("Nurel Beta");
+  FakeBrowser browser({R"({"id":$id,"result":"up"})", R"({"id":$id,"result":"up"})"});
+  RunOptions options = withSocket(browser.socket());
+  options.env["LD_DEBUG"] = "files";
+  Outcome installed = runNurel({"tabs"}, options);
+  EXPECT_EQ("up\n", installed.out);
+  EXPECT_NE(std::string::npos, installed.err.find("libc.so")) << installed.err;
+  EXPECT_EQ(std::string::npos, installed.err.find("libplist")) << installed.err;
+  Outcome bundled = runProgram(bundle.program(), {"tabs"}, options);
+  EXPECT_EQ("up\n", bundled.out);
+  EXPECT_NE(std::string::npos, bundled.err.find("libplist")) << bundled.err;
+}
+#endif
+
 TEST(Bundle, ASymbolicLinkElsewhereStillLeadsIntoTheBundle) {
   Bundle bundle("Nurel Beta");
   std::filesystem::create_directories(bundle.dir.file("bin"));
