@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "link/home.h"
+#include "render/pipe.h"
 #include "render/render.h"
 
 namespace nurel {
@@ -47,6 +48,7 @@ void waitFor(int fd, short events) {
 }
 
 bool writeAll(int fd, std::string_view bytes) {
+  roomForLargeOutput(fd, bytes.size());
   for (size_t done = 0; done < bytes.size();) {
     ssize_t wrote = write(fd, bytes.data() + done, bytes.size() - done);
     if (wrote < 0 && errno == EINTR) continue;
