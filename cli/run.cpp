@@ -45,8 +45,7 @@ void savePdf(Nurel& nurel, const Json& params) {
   auto tab = params.find("tab");
   // Only the tab goes to the browser: --intent, --file and the rest stay here.
   Json reply = nurel.call("pdf", {{"tab", tab != params.end() ? *tab : Json("")}});
-  const std::string* pdf = memberString(reply, "pdf");
-  auto bytes = pdf ? decodeBase64(*pdf) : std::nullopt;
+  auto bytes = takeDecoded(reply, "pdf");
   if (!bytes) fail("no PDF");
   std::string path = writeFile(targetFile(params, ".pdf"), *bytes);
   print("saved to " + path);
@@ -54,8 +53,7 @@ void savePdf(Nurel& nurel, const Json& params) {
 
 void saveScreenshot(Nurel& nurel, const Json& params) {
   Json reply = nurel.call("screenshot", params);
-  const std::string* png = memberString(reply, "png");
-  auto bytes = png ? decodeBase64(*png) : std::nullopt;
+  auto bytes = takeDecoded(reply, "png");
   if (!bytes) fail("no screenshot");
   std::string path = writeFile(targetFile(params, ".png"), *bytes);
   // Nothing is printed before the file is written.

@@ -42,8 +42,7 @@ Json savePdf(Nurel& nurel, const Json& arguments) {
   // Only the tab goes to the browser: the intent and the file stay here.
   auto tab = arguments.find("tab");
   Json reply = nurel.call("pdf", {{"tab", tab != arguments.end() ? *tab : Json("")}});
-  const std::string* pdf = memberString(reply, "pdf");
-  auto bytes = pdf ? decodeBase64(*pdf) : std::nullopt;
+  auto bytes = takeDecoded(reply, "pdf");
   if (!bytes) return failed("no PDF");
   std::string path = writeFile(file, *bytes);
   auto title = reply.find("title");
@@ -60,7 +59,7 @@ Json screenshot(Nurel& nurel, const Json& arguments) {
   const std::string* refs = memberString(reply, "refs");
   bool hasRefs = refs && !refs->empty();
   if (!file.empty()) {
-    auto bytes = png ? decodeBase64(*png) : std::nullopt;
+    auto bytes = takeDecoded(reply, "png");
     if (!bytes) return failed("no screenshot");
     std::string path = writeFile(file, *bytes);
     return textResult((hasRefs ? *refs + "\n" : "") + "saved to " + path);

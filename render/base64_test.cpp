@@ -61,5 +61,33 @@ TEST(Base64, ABadCharacterAnywhereIsRefused) {
     }
 }
 
+// In place, the same text gives the same bytes, or the same refusal.
+std::optional<std::string> decodedInPlace(std::string text) {
+  if (!decodeBase64InPlace(text)) return std::nullopt;
+  return text;
+}
+
+TEST(Base64, DecodingInPlaceGivesTheSameBytes) {
+  std::mt19937 random(11);
+  for (size_t length = 0; length < 300; ++length) {
+    std::string bytes(length, '\0');
+    for (auto& byte : bytes) byte = char(random());
+    EXPECT_EQ(bytes, decodedInPlace(encoded(bytes)).value()) << length;
+  }
+  EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), decodedInPlace("iVBORw0KGgo=").value());
+}
+
+TEST(Base64, DecodingInPlaceRefusesWhatDecodingRefuses) {
+  for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm 9v", "Zm9v\n", "Zm9-",
+                          "Zm9_", "Z=9v", "Zm=v", "not base64!"})
+    EXPECT_FALSE(decodedInPlace(bad).has_value()) << bad;
+  std::string text = encoded(std::string(40, 'x'));
+  for (size_t at = 0; at < text.size(); ++at) {
+    std::string broken = text;
+    broken[at] = '-';
+    EXPECT_FALSE(decodedInPlace(broken).has_value()) << at;
+  }
+}
+
 }  // namespace
 }  // namespace nurel
