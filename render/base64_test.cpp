@@ -52,7 +52,8 @@ TEST(Base64, DecodesEveryLengthAndByte) {
 }
 
 TEST(Base64, ABadCharacterAnywhereIsRefused) {
-  std::string text = encoded(std::string(40, 'x'));
+  // Long enough for several steps of 32 characters, the way large images are decoded.
+  std::string text = encoded(std::string(150, 'x'));
   for (size_t at = 0; at < text.size(); ++at)
     for (char bad : {'-', '_', ' ', '\n', '\0', '\xff', '.'}) {
       std::string broken = text;
@@ -67,6 +68,43 @@ std::optional<std::string> decodedInPlace(std::string text) {
   return text;
 }
 
+TEST(Base64, DecodesLongTextsOfEveryLengthAndByte) {
+  std::mt19937 random(5);
+  std::string bytes(70000, '\0');
+  for (auto& byte : bytes) byte = char(random());
+  for (size_t length : {size_t(24), size_t(33), size_t(36), size_t(47), size_t(48), size_t(49),
+                        size_t(1000), size_t(4096), size_t(65535), size_t(70000)}) {
+    std::string part = bytes.substr(0, length);
+    EXPECT_EQ(part, decodeBase64(encoded(part)).value()) << length;
+  }
+}
+
+TEST(Base64, EveryByteOutsideTheAlphabetIsRefusedAtEveryPlaceOfAStep) {
+  const std::string alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text = encoded(std::string(150, 'x'));
+  for (int byte = 0; byte < 256; ++byte) {
+    if (alphabet.find(char(byte)) != std::string::npos) continue;
+    for (size_t at = 0; at < 64; ++at) {
+      std::string broken = text;
+      broken[at] = char(byte);
+      EXPECT_FALSE(decodeBase64(broken).has_value()) << at << " " << byte;
+    }
+  }
+}
+
+// Every character of the alphabet, at every place in a group and in a step of 32.
+TEST(Base64, DecodesEveryCharacterAtEveryPlace) {
+  const std::string alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (size_t shift = 0; shift < 64; ++shift) {
+    std::string text = alphabet.substr(shift) + alphabet.substr(0, shift);
+    text += text;
+    std::string bytes = decodeBase64(text).value();
+    EXPECT_EQ(text, encoded(bytes)) << shift;
+  }
+}
+
 TEST(Base64, DecodingInPlaceGivesTheSameBytes) {
   std::mt19937 random(11);
   for (size_t length = 0; length < 300; ++length) {
@@ -74,6 +112,9 @@ TEST(Base64, DecodingInPlaceGivesTheSameBytes) {
     for (auto& byte : bytes) byte = char(random());
     EXPECT_EQ(bytes, decodedInPlace(encoded(bytes)).value()) << length;
   }
+  std::string bytes(70000, '\0');
+  for (auto& byte : bytes) byte = char(random());
+  EXPECT_EQ(bytes, decodedInPlace(encoded(bytes)).value());
   EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), decodedInPlace("iVBORw0KGgo=").value());
 }
 
@@ -81,7 +122,7 @@ TEST(Base64, DecodingInPlaceRefusesWhatDecodingRefuses) {
   for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm 9v", "Zm9v\n", "Zm9-",
                           "Zm9_", "Z=9v", "Zm=v", "not base64!"})
     EXPECT_FALSE(decodedInPlace(bad).has_value()) << bad;
-  std::string text = encoded(std::string(40, 'x'));
+  std::string text = encoded(std::string(150, 'x'));
   for (size_t at = 0; at < text.size(); ++at) {
     std::string broken = text;
     broken[at] = '-';
