@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "link/home.h"
 #include "link/plist_library.h"
@@ -140,11 +141,21 @@ std::string socketPathOf(const char* environment, const std::string& home,
   return base + "Library/Application Support/" + dataName + "/agent.sock";
 }
 
+Place locate(const std::string& executable) {
+  Place place;
+  place.bundlePath = bundleOf(executable);
+  place.info = readInfo(place.bundlePath);
+  place.dataName = dataNameOf(place.info);
+  place.socketPath = socketPathOf(std::getenv("NUREL_SOCKET"), homeDirectory(), place.dataName);
+  return place;
+}
+
 void settle(const std::string& executable) {
-  appURL = bundleOf(executable);
-  info = readInfo(appURL);
-  dataName = dataNameOf(info);
-  socketPath = socketPathOf(std::getenv("NUREL_SOCKET"), homeDirectory(), dataName);
+  Place place = locate(executable);
+  appURL = std::move(place.bundlePath);
+  info = std::move(place.info);
+  dataName = std::move(place.dataName);
+  socketPath = std::move(place.socketPath);
 }
 
 }  // namespace nurel

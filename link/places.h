@@ -32,8 +32,19 @@ std::string dataNameOf(const Json& info);
 std::string socketPathOf(const char* environment, const std::string& home,
                          const std::string& dataName);
 
-/// Sets `appURL`, `info`, `dataName` and `socketPath`, in that order, from the executable's
-/// path, the bundle and the environment.
+/// Where the browser of an executable lives and where it listens.
+struct Place {
+  std::string bundlePath;     ///< the bundle folder, as bundleOf() gives it
+  Json info = Json::object();  ///< its Contents/Info.plist, as readInfo() gives it
+  std::string dataName = "Nurel";
+  std::string socketPath;     ///< $NUREL_SOCKET when set (even empty), else the default path
+};
+
+/// The place of the browser that belongs to `executable`, from its bundle and the environment.
+/// nurel connects there; the back end listens there.
+Place locate(const std::string& executable);
+
+/// Sets `appURL`, `info`, `dataName` and `socketPath`, in that order, from locate().
 void settle(const std::string& executable);
 
 }  // namespace nurel
