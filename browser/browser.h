@@ -1,0 +1,167 @@
+// browser/browser.h: the agent's browser: tabs in one Chromium, and the methods agents call.
+//
+// Any number of threads may call handle() at once (one per connection); each call blocks until
+// its answer is ready. Chromium starts on the first method that needs it, and again on the
+// next one after it died.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "browser/cdp.h"
+#include "browser/chromium.h"
+#include "link/json.h"
+
+namespace nurel::browser {
+
+/// The name of the back end's isolated world in pages.
+inline constexpr const char* worldName = "nurel";
+
+/// A method that could not do what it was asked; what() is the one line the agent reads.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Settings {
+  std::string dataFolder;                  ///< the profile and Chromium's log go here
+  bool headed = false;                     ///< real windows instead of headless
+  std::chrono::seconds loadTime{30};       ///< how long a page may take to load
+  std::chrono::seconds scriptTime{30};     ///< how long a script may run
+  std::vector<std::string> allowedFolders; ///< file: pages may come from under these
+
+  /// From the environment: NUREL_HEADED, NUREL_TIMEOUT, NUREL_ALLOW_FILES.
+  static Settings fromEnvironment(const std::string& dataFolder);
+};
+
+/// One tab the agent opened, and what its page's events have told us.
+struct Tab {
+  std::string id;        // "t1"
+  std::string targetId;  // Chromium's, which is also the id of its main frame
+  std::string session;   // the flat session attached to it
+
+  std::mutex lock;
+  std::condition_variable changed;
+  uint64_t loads = 0;                 // load events of the main frame
+  uint64_t sameDocument = 0;          // navigations within the document (#anchors, history API)
+  std::deque<std::string> loaded;     // loader ids whose document has loaded, newest last
+  std::map<std::string, int> status;  // HTTP status of recent main documents, by loader id
+  std::set<std::string> requests;     // network requests in flight
+  std::chrono::steady_clock::time_point lastNetwork = std::chrono::steady_clock::now();
+  int world = 0;                      // our isolated world's context in the page, 0 when none
+  bool crashed = false;
+  bool gone = false;                  // closed by the page or by Chromium
+};
+
+class Browser {
+ public:
+  explicit Browser(Settings settings);
+  ~Browser();
+  Browser(const Browser&) = delete;
+  Browser& operator=(const Browser&) = delete;
+
+  /// Does one request and returns its result. Throws Failure with the line to answer.
+  Json handle(const std::string& method, const Json& params);
+
+  /// True while a Chromium is running.
+  bool running();
+
+  /// Closes Chromium (asking first, so that its profile is written, then killing what is
+  /// left) before the process exits; other threads may still be calling handle().
+  void shutdown();
+
+  /// Every method name, for --help and tests.
+  static std::vector<std::string> methods();
+
+ private:
+  struct Engine {
+    std::unique_ptr<Chromium> chromium;
+    std::unique_ptr<Cdp> cdp;
+    uint64_t generation = 0;
+  };
+  using Handler = Json (Browser::*)(const Json&);
+  static const std::map<std::string, Handler>& handlers();
+
+  // The running engine, started when there is none; throws Failure.
+  std::shared_ptr<Engine> engine();
+  Json call(const std::string& method, const Json& params = Json::object(),
+            const std::string& session = {},
+            std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  void onEvent(uint64_t generation, const std::string& method, const Json& params,
+               const std::string& session);
+  void onClosed(uint64_t generation, const std::string& reason);
+
+  // Tabs.
+  std::shared_ptr<Tab> tabFor(const Json& params);
+  std::shared_ptr<Tab> attach(const std::string& targetId);
+  void forget(const std::shared_ptr<Tab>& tab);
+  std::string describeTab(const std::shared_ptr<Tab>& tab, const std::string& note = {});
+  // Navigating: waits for the document of `loaderId` to load; false when the time ran out.
+  bool awaitLoad(const std::shared_ptr<Tab>& tab, const std::string& loaderId,
+                 std::chrono::steady_clock::time_point deadline);
+  // Waits until the tab loads a page or moves within its document after `before`.
+  bool awaitChange(const std::shared_ptr<Tab>& tab, uint64_t loadsBefore, uint64_t sameBefore,
+                   std::chrono::steady_clock::time_point deadline);
+  std::string go(const std::shared_ptr<Tab>& tab, const std::string& url);
+  std::string goInHistory(const Json& params, int step);
+  // Runs an expression in the tab's own isolated world (out of the page's reach) and returns
+  // its value. `readability` makes the article reader available there first.
+  Json inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
+               bool readability = false);
+  std::string checkedURL(const std::string& url);
+
+  // The methods.
+  Json hello(const Json& params);
+  Json tabs(const Json& params);
+  Json open(const Json& params);
+  Json navigate(const Json& params);
+  Json back(const Json& params);
+  Json forward(const Json& params);
+  Json reload(const Json& params);
+  Json close(const Json& params);
+  Json eval(const Json& params);
+  Json text(const Json& params);
+  Json describe(const Json& params);
+  Json wait(const Json& params);
+  Json screenshot(const Json& params);
+  Json pdf(const Json& params);
+  Json signin(const Json& params);
+
+  Settings settings;
+  std::mutex engineLock;  // held while starting or replacing the engine
+  std::shared_ptr<Engine> current;
+  std::string lastEnding;  // why the last Chromium stopped, for the next answer
+  uint64_t generations = 0;
+
+  std::mutex tabsLock;  // guards the maps below and nextTab
+  std::map<std::string, std::shared_ptr<Tab>> tabsByID;
+  std::map<std::string, std::shared_ptr<Tab>> tabsBySession;
+  uint64_t nextTab = 1;
+};
+
+// Helpers shared by the method files.
+
+/// A string parameter, or empty.
+std::string stringParam(const Json& params, const char* name);
+/// A boolean parameter: true, or a string "true"/"1"; false otherwise.
+bool flagParam(const Json& params, const char* name);
+/// A number parameter given as a number or as its digits; `fallback` when absent. Throws
+/// Failure naming the parameter when it is there but not a number.
+double numberParam(const Json& params, const char* name, double fallback);
+/// `text` quoted as a JSON string: what an agent reads for a name or a title.
+std::string quote(const std::string& text);
+/// The first `limit` characters (code points) of UTF-8 `text`; `cut` tells whether any were
+/// left out, `total` how many there were.
+std::string firstCharacters(const std::string& text, size_t limit, bool& cut, size_t& total);
+
+}  // namespace nurel::browser

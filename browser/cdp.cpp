@@ -1,0 +1,114 @@
+// browser/cdp.cpp: commands, replies and events over a DevTools transport.
+#include "browser/cdp.h"
+
+#include <utility>
+
+namespace nurel::browser {
+
+Cdp::Cdp(std::unique_ptr<Transport> transport, EventListener event, ClosedListener closed)
+    : transport(std::move(transport)), event(std::move(event)), closed(std::move(closed)) {
+  reader = std::thread([this] { read(); });
+}
+
+Cdp::~Cdp() {
+  transport->shut();
+  if (reader.joinable()) reader.join();
+}
+
+int64_t Cdp::send(const std::string& method, const Json& params, const std::string& session,
+                  std::shared_ptr<Pending> waiting) {
+  std::unique_lock<std::mutex> guard(lock);
+  if (!open) throw BrowserLost(endedBy);
+  int64_t id = nextID++;
+  Json message = {{"id", id}, {"method", method}, {"params", params}};
+  if (!session.empty()) message["sessionId"] = session;
+  if (waiting) pending[id] = waiting;
+  // compactRepaired: a page's title or text may hold bytes that are not UTF-8 by the time it
+  // comes back to us in a parameter; the command still goes.
+  if (!transport->send(compactRepaired(message))) {
+    pending.erase(id);
+    throw BrowserLost(endedBy.empty() ? "lost the connection to Chromium" : endedBy);
+  }
+  return id;
+}
+
+Json Cdp::call(const std::string& method, const Json& params, const std::string& session,
+               std::chrono::milliseconds timeout) {
+  auto waiting = std::make_shared<Pending>();
+  int64_t id = send(method, params, session, waiting);
+  std::unique_lock<std::mutex> guard(lock);
+  if (!answered.wait_for(guard, timeout, [&] { return waiting->done; })) {
+    pending.erase(id);
+    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout).count();
+    throw BrowserLost("Chromium didn't answer " + method + " in " + std::to_string(seconds) +
+                      " s");
+  }
+  if (waiting->lost) throw BrowserLost(waiting->error);
+  if (waiting->refused) throw CdpError(waiting->error);
+  return std::move(waiting->result);
+}
+
+void Cdp::post(const std::string& method, const Json& params, const std::string& session) {
+  try {
+    send(method, params, session, nullptr);
+  } catch (const BrowserLost&) {
+  }
+}
+
+void Cdp::dispatch(std::string_view text) {
+  Json message;
+  try {
+    message = parseDocument(text);
+  } catch (const JsonError&) {
+    return;  // nothing to match it to
+  }
+  if (!message.is_object()) return;
+  auto id = message.find("id");
+  if (id != message.end() && id->is_number_integer()) {
+    std::lock_guard<std::mutex> guard(lock);
+    auto found = pending.find(id->get<int64_t>());
+    if (found == pending.end()) return;
+    Pending& waiting = *found->second;
+    waiting.done = true;
+    if (auto error = message.find("error"); error != message.end()) {
+      waiting.refused = true;
+      auto text = error->find("message");
+      waiting.error = text != error->end() && text->is_string() ? text->get<std::string>()
+                                                                  : "Chromium refused the command";
+    } else if (auto result = message.find("result"); result != message.end()) {
+      waiting.result = std::move(*result);
+    } else {
+      waiting.result = Json::object();
+    }
+    pending.erase(found);
+    answered.notify_all();
+    return;
+  }
+  auto method = message.find("method");
+  if (method == message.end() || !method->is_string()) return;
+  auto params = message.find("params");
+  auto session = message.find("sessionId");
+  static const Json none = Json::object();
+  event(method->get<std::string>(), params != message.end() ? *params : none,
+        session != message.end() && session->is_string() ? session->get<std::string>()
+                                                         : std::string());
+}
+
+void Cdp::read() {
+  std::string reason = transport->receive([this](std::string_view message) { dispatch(message); });
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    endedBy = reason;
+    open = false;
+    for (auto& [id, waiting] : pending) {
+      waiting->done = true;
+      waiting->lost = true;
+      waiting->error = reason;
+    }
+    pending.clear();
+    answered.notify_all();
+  }
+  closed(reason);
+}
+
+}  // namespace nurel::browser

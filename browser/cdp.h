@@ -1,0 +1,104 @@
+// browser/cdp.h: the DevTools protocol over one transport: commands matched to their replies by
+// id, events handed on with the session they belong to.
+//
+// Any thread may call(); one reader thread takes messages off the transport. An event is given
+// to the listener on the reader thread, so listeners only record and wake, never call().
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "link/json.h"
+
+namespace nurel::browser {
+
+/// Where DevTools messages come from and go to: a pipe to a child Chromium, or a socket.
+class Transport {
+ public:
+  virtual ~Transport() = default;
+  /// Sends one whole message; false when the other end is gone. Called under a lock: one
+  /// message at a time.
+  virtual bool send(std::string_view message) = 0;
+  /// Reads until the other end goes away, handing on each whole message in order; returns
+  /// what ended it ("Chromium closed the pipe").
+  virtual std::string receive(const std::function<void(std::string_view)>& message) = 0;
+  /// Makes receive() return soon, from any thread.
+  virtual void shut() = 0;
+};
+
+/// An error the browser answered a command with ("No node with given id found").
+class CdpError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The browser went away, or did not answer in time; the text says which, for the agent.
+class BrowserLost : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class Cdp {
+ public:
+  /// `event(method, params, sessionId)` for each event; `closed(reason)` once, when the
+  /// transport ends. Both run on the reader thread.
+  using EventListener = std::function<void(const std::string&, const Json&, const std::string&)>;
+  using ClosedListener = std::function<void(const std::string&)>;
+
+  Cdp(std::unique_ptr<Transport> transport, EventListener event, ClosedListener closed);
+  ~Cdp();
+  Cdp(const Cdp&) = delete;
+  Cdp& operator=(const Cdp&) = delete;
+
+  /// Sends a command (to the session, when one is named) and waits for its result. Throws
+  /// CdpError with the browser's message, BrowserLost when the transport ends first or no
+  /// answer comes within `timeout`.
+  Json call(const std::string& method, const Json& params = Json::object(),
+            const std::string& session = {},
+            std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+  /// Sends a command and forgets it: its answer is dropped.
+  void post(const std::string& method, const Json& params = Json::object(),
+            const std::string& session = {});
+
+  /// False once the transport has ended.
+  bool alive() const { return open.load(); }
+
+ private:
+  struct Pending {
+    bool done = false;
+    bool refused = false;  // the browser answered with an error
+    bool lost = false;     // the transport ended first
+    Json result;
+    std::string error;
+  };
+
+  int64_t send(const std::string& method, const Json& params, const std::string& session,
+               std::shared_ptr<Pending> pending);
+  void dispatch(std::string_view message);
+  void read();
+
+  std::unique_ptr<Transport> transport;
+  EventListener event;
+  ClosedListener closed;
+  std::atomic<bool> open{true};
+  std::string endedBy;
+
+  std::mutex lock;  // guards pending, nextID, endedBy and the transport's send()
+  std::condition_variable answered;
+  std::map<int64_t, std::shared_ptr<Pending>> pending;
+  int64_t nextID = 1;
+  std::thread reader;
+};
+
+}  // namespace nurel::browser

@@ -1,0 +1,102 @@
+// browser/main.cpp: nurel-browser, the browser nurel drives on Linux: Chromium behind the socket.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "browser/browser.h"
+#include "browser/server.h"
+#include "link/home.h"
+#include "link/places.h"
+
+namespace {
+
+const char* help = R"(Usage: nurel-browser
+
+The browser that nurel drives on Linux: it answers nurel's socket by driving Chromium over
+the DevTools protocol. nurel starts it by itself when nothing answers; run it by hand only
+to watch it, or with a window (NUREL_HEADED=1).
+
+It listens where nurel looks: $NUREL_SOCKET when set, else
+~/Library/Application Support/<data name>/agent.sock (the data name is NurelDataName in the
+Info.plist of the bundle this program is in, else Nurel). The socket's folder is made 0700
+and the socket 0600; connections from other users are closed. A second nurel-browser for the
+same socket says so and exits.
+
+Chromium starts on the first request that needs it, with its profile (the Agent Space) in
+${XDG_DATA_HOME:-~/.local/share}/<data name>/profile, and never outlives this program.
+
+Environment:
+  NUREL_SOCKET         the socket to listen on
+  NUREL_CHROMIUM       the Chromium to run (else chromium, chromium-headless-shell,
+                       google-chrome-stable or google-chrome on PATH)
+  NUREL_HEADED=1       real windows, when there is a display
+  NUREL_ALLOW_FILES    folders, separated by colons, whose files (file: addresses) may be
+                       opened; none by default
+  NUREL_TIMEOUT        seconds a page may take to load and a script to run (30)
+  NUREL_IDLE_MINUTES   exit after this long with no connection and no request (30)
+
+It exits after the idle time, and on SIGTERM or SIGINT, closing Chromium and removing the
+socket.
+)";
+
+std::string executablePath(const char* fallback) {
+  char path[4096];
+  ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (length <= 0) return fallback;
+  return std::string(path, size_t(length));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace nurel;
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word == "--help" || word == "-h") {
+      std::fputs(help, stdout);
+      return 0;
+    }
+    std::fprintf(stderr, "nurel-browser: unknown argument %s (see nurel-browser --help)\n", argv[i]);
+    return 1;
+  }
+  Place place = locate(executablePath(argv[0]));
+  std::string dataHome;
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg == '/') {
+    dataHome = xdg;
+  } else {
+    dataHome = homeDirectory();
+    if (dataHome.empty() || dataHome.back() != '/') dataHome += '/';
+    dataHome += ".local/share";
+  }
+  double idleMinutes = 30;
+  if (const char* idle = std::getenv("NUREL_IDLE_MINUTES")) {
+    char* end = nullptr;
+    double minutes = std::strtod(idle, &end);
+    if (end != idle && *end == '\0' && minutes > 0) idleMinutes = minutes;
+  }
+
+  browser::Server::blockSignals();
+  browser::Browser agentBrowser(browser::Settings::fromEnvironment(dataHome + "/" + place.dataName));
+  browser::Server server(
+      [&agentBrowser](const std::string& method, const Json& params) {
+        return agentBrowser.handle(method, params);
+      },
+      place.socketPath, std::chrono::milliseconds(int64_t(idleMinutes * 60000)));
+  try {
+    server.listen();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "nurel-browser: %s\n", error.what());
+    return 1;
+  }
+  server.run();
+  // Connections may still be inside a request: close Chromium under them, take the socket
+  // away, and leave without unwinding what they use.
+  agentBrowser.shutdown();
+  server.close();
+  std::fflush(nullptr);
+  std::_Exit(0);
+}

@@ -1,0 +1,269 @@
+// browser/reading.cpp: reading a page: scripts, its text, an outline, waiting for something,
+// screenshots and PDFs.
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+#include "browser/browser.h"
+#include "browser/scripts.h"
+
+namespace nurel::browser {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The characters get_text answers when no limit is given.
+constexpr size_t textLimit = 20000;
+
+// The first line of an exception's description ("Error: boom"), for the agent.
+std::string thrown(const Json& details) {
+  std::string text;
+  auto exception = details.find("exception");
+  if (exception != details.end() && exception->is_object())
+    text = exception->value("description", exception->contains("value") && (*exception)["value"].is_string()
+                                               ? (*exception)["value"].get<std::string>()
+                                               : std::string());
+  if (text.empty()) text = details.value("text", "an exception");
+  return text.substr(0, text.find('\n'));
+}
+
+std::string withSeconds(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, seconds < 10 ? "%.1f s" : "%.0f s", seconds);
+  return text;
+}
+
+}  // namespace
+
+Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
+                      bool readability) {
+  auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  for (int attempt = 0;; ++attempt) {
+    int context;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      context = tab->world;
+    }
+    try {
+      if (context == 0) {
+        Json made = call("Page.createIsolatedWorld",
+                         {{"frameId", tab->targetId}, {"worldName", worldName}}, tab->session);
+        context = made.value("executionContextId", 0);
+        std::lock_guard<std::mutex> guard(tab->lock);
+        tab->world = context;
+      }
+      if (readability) {
+        Json there = call("Runtime.evaluate",
+                          {{"expression", "typeof Readability === 'function'"},
+                           {"contextId", context}, {"returnByValue", true}},
+                          tab->session);
+        if (!there["result"].value("value", false))
+          call("Runtime.evaluate",
+               {{"expression", std::string(scripts::readability)}, {"contextId", context}},
+               tab->session);
+      }
+      Json answer = call("Runtime.evaluate",
+                         {{"expression", expression},
+                          {"contextId", context},
+                          {"returnByValue", true},
+                          {"awaitPromise", true},
+                          {"timeout", timeout.count()}},
+                         tab->session, timeout + std::chrono::seconds(5));
+      if (auto details = answer.find("exceptionDetails"); details != answer.end())
+        throw Failure("couldn't read the page: " + thrown(*details));
+      return answer["result"].value("value", Json());
+    } catch (const CdpError& error) {
+      // The document changed under us and took the world with it: once more in the new one.
+      std::string text = error.what();
+      if (attempt > 0 || text.find("context") == std::string::npos) throw;
+      std::lock_guard<std::mutex> guard(tab->lock);
+      tab->world = 0;
+    }
+  }
+}
+
+Json Browser::eval(const Json& params) {
+  auto tab = tabFor(params);
+  std::string script = stringParam(params, "script");
+  auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  // A function body: "return" and "await" work, and its locals stay its own.
+  std::string expression = "(async () => {\n" + script + "\n})()";
+  Json answer;
+  try {
+    answer = call("Runtime.evaluate",
+                  {{"expression", expression},
+                   {"returnByValue", true},
+                   {"awaitPromise", true},
+                   {"userGesture", true},
+                   {"timeout", timeout.count()}},
+                  tab->session, timeout + std::chrono::seconds(2));
+  } catch (const BrowserLost&) {
+    if (!running()) throw;
+    // Waiting on something that never comes: stop what still runs, and the tab goes on.
+    call("Runtime.terminateExecution", Json::object(), tab->session);
+    throw Failure("the script didn't finish in " + std::to_string(settings.scriptTime.count()) +
+                  " s, and was stopped");
+  } catch (const CdpError& error) {
+    std::string text = error.what();
+    if (text.find("reference chain") != std::string::npos ||
+        text.find("serialize") != std::string::npos || text.find("by value") != std::string::npos)
+      throw Failure("the script's value can't be sent as JSON: " + text);
+    throw;
+  }
+  if (auto details = answer.find("exceptionDetails"); details != answer.end()) {
+    std::string what = thrown(*details);
+    if (what.find("Execution was terminated") != std::string::npos)
+      throw Failure("the script didn't finish in " +
+                    std::to_string(settings.scriptTime.count()) + " s, and was stopped");
+    throw Failure("the script threw " + what);
+  }
+  const Json& result = answer["result"];
+  if (auto value = result.find("value"); value != result.end()) return *value;
+  // NaN, Infinity, -0 and big integers have no JSON form: their text instead.
+  if (auto text = result.find("unserializableValue"); text != result.end()) return *text;
+  return nullptr;  // undefined
+}
+
+Json Browser::text(const Json& params) {
+  auto tab = tabFor(params);
+  bool all = flagParam(params, "all");
+  double limit = numberParam(params, "limit", double(textLimit));
+  Json value = inWorld(tab, "(" + std::string(scripts::text) + ")(" + (all ? "true" : "false") + ")",
+                       !all);
+  std::string text = value.is_string() ? value.get<std::string>() : std::string();
+  if (text.empty()) return "the page has no text";
+  if (limit <= 0) return text;  // 0: the whole text (as when it goes to a file)
+  bool cut = false;
+  size_t total = 0;
+  std::string shown = firstCharacters(text, size_t(std::min(limit, 1e12)), cut, total);
+  if (!cut) return text;
+  return shown + "\n\n[cut at " + std::to_string(size_t(limit)) + " of " +
+         std::to_string(total) + " characters: save it to a file for the whole text]";
+}
+
+Json Browser::describe(const Json& params) {
+  auto tab = tabFor(params);
+  Json value = inWorld(tab, std::string(scripts::describe));
+  return value.is_string() ? value : Json("the page has nothing to describe");
+}
+
+Json Browser::wait(const Json& params) {
+  auto tab = tabFor(params);
+  std::string text = stringParam(params, "text"), gone = stringParam(params, "gone"),
+              url = stringParam(params, "url");
+  bool idle = flagParam(params, "idle");
+  double seconds = numberParam(params, "seconds", 0);
+  double timeout = numberParam(params, "timeout", 10);
+  if (timeout <= 0 || timeout > 60) timeout = std::clamp(timeout <= 0 ? 10.0 : timeout, 0.0, 60.0);
+  if (seconds < 0) seconds = 0;
+  seconds = std::min(seconds, 60.0);
+  bool loaded = text.empty() && gone.empty() && url.empty() && !idle && seconds == 0;
+
+  auto start = Clock::now();
+  auto deadline = start + std::chrono::milliseconds(int64_t(std::max(timeout, seconds) * 1000));
+  auto atLeast = start + std::chrono::milliseconds(int64_t(seconds * 1000));
+  constexpr auto quiet = std::chrono::milliseconds(500);
+  std::string address;
+  size_t inFlight = 0;
+  auto check = [&](std::string& missing) {
+    missing.clear();
+    if (!text.empty() || !gone.empty() || loaded) {
+      Json found = inWorld(tab, "(() => { const t = document.body ? document.body.innerText : '';"
+                                " return [t.includes(" + quote(text) + "), t.includes(" +
+                                    quote(gone) + "), document.readyState]; })()");
+      if (!text.empty() && !(found.is_array() && found[0] == true))
+        missing = "the text " + quote(text) + " didn't show";
+      else if (!gone.empty() && found.is_array() && found[1] == true)
+        missing = "the text " + quote(gone) + " didn't go away";
+      else if (loaded && !(found.is_array() && found[2] == "complete"))
+        missing = "the page didn't finish loading";
+      if (!missing.empty()) return false;
+    }
+    if (!url.empty()) {
+      Json info = call("Target.getTargetInfo", {{"targetId", tab->targetId}});
+      address = info["targetInfo"].value("url", "");
+      if (address.find(url) == std::string::npos) {
+        missing = "the address didn't contain " + quote(url) + " (it's " + address + ")";
+        return false;
+      }
+    }
+    if (idle) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      inFlight = tab->requests.size();
+      if (inFlight > 0 || Clock::now() - tab->lastNetwork < quiet) {
+        missing = inFlight ? "the network didn't go quiet (" + std::to_string(inFlight) +
+                                 " requests still loading)"
+                           : "the network didn't go quiet";
+        return false;
+      }
+    }
+    return Clock::now() >= atLeast;
+  };
+  std::string missing;
+  for (;;) {
+    if (check(missing)) break;
+    if (Clock::now() >= deadline) {
+      throw Failure("waited " + withSeconds(timeout) + " and " + missing);
+    }
+    std::unique_lock<std::mutex> guard(tab->lock);
+    if (tab->gone) throw Failure("no tab " + tab->id + ": it was closed");
+    tab->changed.wait_until(guard, std::min(deadline, Clock::now() + std::chrono::milliseconds(100)));
+  }
+  double took = std::chrono::duration<double>(Clock::now() - start).count();
+  std::vector<std::string> met;
+  if (!text.empty()) met.push_back("the text " + quote(text) + " showed");
+  if (!gone.empty()) met.push_back("the text " + quote(gone) + " went away");
+  if (!url.empty()) met.push_back("the address is " + address);
+  if (idle) met.push_back("the network is quiet");
+  if (loaded) met.push_back("the page has loaded");
+  std::string answer;
+  for (auto& part : met) answer += (answer.empty() ? "" : ", ") + part;
+  if (answer.empty()) return "waited " + withSeconds(took);
+  return answer + " (after " + withSeconds(took) + ")";
+}
+
+Json Browser::screenshot(const Json& params) {
+  auto tab = tabFor(params);
+  if (!stringParam(params, "ref").empty())
+    throw Failure("a screenshot of one element (ref) isn't available in this browser yet");
+  Json shot = {{"format", "png"}};
+  if (flagParam(params, "full")) {
+    Json metrics = call("Page.getLayoutMetrics", Json::object(), tab->session);
+    const Json& size = metrics["cssContentSize"];
+    // Past about 16,000 px Chromium's images come out blank: a very long page stops there.
+    double width = std::ceil(std::max(1.0, size.value("width", 1.0)));
+    double height = std::ceil(std::clamp(size.value("height", 1.0), 1.0, 16000.0));
+    shot["captureBeyondViewport"] = true;
+    shot["clip"] = {{"x", 0}, {"y", 0}, {"width", width}, {"height", height}, {"scale", 1}};
+  }
+  Json taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
+  return {{"png", taken.value("data", "")}};
+}
+
+Json Browser::pdf(const Json& params) {
+  auto tab = tabFor(params);
+  Json metrics = call("Page.getLayoutMetrics", Json::object(), tab->session);
+  const Json& size = metrics["cssContentSize"];
+  const Json& view = metrics["cssLayoutViewport"];
+  // One page as wide as the screen and as long as the page (a PDF page ends at 200 inches).
+  double width = std::max(1.0, view.value("clientWidth", 1280.0)) / 96.0;
+  double height = std::clamp(size.value("height", 800.0) / 96.0, 1.0, 200.0);
+  call("Emulation.setEmulatedMedia", {{"media", "screen"}}, tab->session);
+  Json printed;
+  try {
+    printed = call("Page.printToPDF",
+                   {{"printBackground", true}, {"paperWidth", width}, {"paperHeight", height},
+                    {"marginTop", 0}, {"marginBottom", 0}, {"marginLeft", 0}, {"marginRight", 0},
+                    {"preferCSSPageSize", false}},
+                   tab->session, std::chrono::seconds(60));
+  } catch (...) {
+    call("Emulation.setEmulatedMedia", {{"media", ""}}, tab->session);
+    throw;
+  }
+  call("Emulation.setEmulatedMedia", {{"media", ""}}, tab->session);
+  Json info = call("Target.getTargetInfo", {{"targetId", tab->targetId}});
+  return {{"pdf", printed.value("data", "")}, {"title", info["targetInfo"].value("title", "")}};
+}
+
+}  // namespace nurel::browser

@@ -1,0 +1,13 @@
+// browser/scripts.h: JavaScript the back end runs in pages, read into the program at build time
+// from browser/scripts/ and the pinned npm packages of browser/package-lock.json.
+#pragma once
+
+#include <string_view>
+
+namespace nurel::browser::scripts {
+
+extern const std::string_view readability;  // Readability.js: defines the class Readability
+extern const std::string_view text;         // (all) => the page's text
+extern const std::string_view describe;     // an expression: the page in brief
+
+}  // namespace nurel::browser::scripts

@@ -1,0 +1,22 @@
+# cmake/embed.cmake: writes a C++ file that holds the bytes of other files, run at build time
+# (cmake -DOUTPUT=<file.cpp> -DNAMESPACE=<ns> -DFILES="<name>=<path>;..." -P embed.cmake).
+# Each file becomes `extern const std::string_view <name>` in that namespace.
+set(text "// Generated from files of the source tree by cmake/embed.cmake: edit those instead.\n")
+string(APPEND text "#include <string_view>\n\nnamespace ${NAMESPACE} {\n\n")
+foreach(entry IN LISTS FILES)
+  string(REGEX MATCH "^([A-Za-z_][A-Za-z0-9_]*)=(.*)$" matched "${entry}")
+  if(NOT matched)
+    message(FATAL_ERROR "embed: ${entry} is not <name>=<path>")
+  endif()
+  set(name ${CMAKE_MATCH_1})
+  file(READ "${CMAKE_MATCH_2}" bytes HEX)
+  string(LENGTH "${bytes}" digits)
+  math(EXPR length "${digits} / 2")
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "'\\\\x\\1'," bytes "${bytes}")
+  string(APPEND text "static const char ${name}Bytes[] = {${bytes}0};\n")
+  string(APPEND text "extern const std::string_view ${name};\n")
+  string(APPEND text "const std::string_view ${name}(${name}Bytes, ${length});\n\n")
+endforeach()
+string(APPEND text "}  // namespace ${NAMESPACE}\n")
+file(WRITE "${OUTPUT}.new" "${text}")
+file(RENAME "${OUTPUT}.new" "${OUTPUT}")
