@@ -296,7 +296,8 @@ std::string Browser::describeTab(const std::shared_ptr<Tab>& tab, const std::str
   return line;
 }
 
-std::string Browser::checkedURL(const std::string& given) {
+std::string checkedAddress(const std::string& given,
+                           const std::vector<std::string>& allowedFolders) {
   std::string url = given;
   while (!url.empty() && std::isspace(static_cast<unsigned char>(url.back()))) url.pop_back();
   url.erase(0, std::min(url.size(), url.find_first_not_of(" \t\r\n")));
@@ -320,7 +321,7 @@ std::string Browser::checkedURL(const std::string& given) {
   std::string lower = url.substr(0, colon);
   std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
   if (lower == "view-source" && url.size() > colon + 1) {
-    checkedURL(url.substr(colon + 1));
+    checkedAddress(url.substr(colon + 1), allowedFolders);
     return url;
   }
   if (lower != "file") return url;
@@ -344,7 +345,7 @@ std::string Browser::checkedURL(const std::string& given) {
       decoded.push_back(path[i]);
     }
   }
-  if (settings.allowedFolders.empty())
+  if (allowedFolders.empty())
     throw Failure("won't open " + url +
                   ": local files are off until you allow a folder with NUREL_ALLOW_FILES "
                   "(folders separated by colons) in the environment nurel starts from");
@@ -352,7 +353,7 @@ std::string Browser::checkedURL(const std::string& given) {
   if (!resolved) throw Failure("couldn't load " + url + ": no such file");
   std::string real = resolved;
   free(resolved);
-  for (const std::string& folder : settings.allowedFolders) {
+  for (const std::string& folder : allowedFolders) {
     char* base = realpath(folder.c_str(), nullptr);
     if (!base) continue;
     std::string root = base;

@@ -120,6 +120,7 @@ class Browser {
                bool readability = false);
   std::string checkedURL(const std::string& url);
 
+
   // The methods.
   Json hello(const Json& params);
   Json tabs(const Json& params);
@@ -150,6 +151,11 @@ class Browser {
 };
 
 // Helpers shared by the method files.
+
+/// The address to load for what an agent typed: a bare host gets https:// (http:// for
+/// localhost and 127.x); a file: address must lie under one of `allowedFolders`, links
+/// resolved. Throws Failure saying why not.
+std::string checkedAddress(const std::string& url, const std::vector<std::string>& allowedFolders);
 
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);

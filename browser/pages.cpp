@@ -61,6 +61,10 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
   return describeTab(tab, statusNote(*tab, loaderId));
 }
 
+std::string Browser::checkedURL(const std::string& url) {
+  return checkedAddress(url, settings.allowedFolders);
+}
+
 Json Browser::tabs(const Json&) {
   std::vector<std::shared_ptr<Tab>> open;
   {
@@ -120,7 +124,10 @@ std::string Browser::goInHistory(const Json& params, int step) {
   Json history = call("Page.getNavigationHistory", Json::object(), tab->session);
   int index = history.value("currentIndex", 0) + step;
   const Json& entries = history["entries"];
-  if (!entries.is_array() || index < 0 || index >= int(entries.size()))
+  // The blank page every tab starts on is not a page of the agent's.
+  bool blank = index == 0 && entries.is_array() && !entries.empty() &&
+               entries[0].value("url", "") == "about:blank";
+  if (!entries.is_array() || index < 0 || index >= int(entries.size()) || blank)
     throw Failure(tab->id + " has no " + (step < 0 ? "earlier" : "later") + " page");
   uint64_t loads, same;
   {

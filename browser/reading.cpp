@@ -90,6 +90,7 @@ Json Browser::eval(const Json& params) {
   // A function body: "return" and "await" work, and its locals stay its own.
   std::string expression = "(async () => {\n" + script + "\n})()";
   Json answer;
+  auto started = Clock::now();
   try {
     answer = call("Runtime.evaluate",
                   {{"expression", expression},
@@ -105,6 +106,10 @@ Json Browser::eval(const Json& params) {
     throw Failure("the script didn't finish in " + std::to_string(settings.scriptTime.count()) +
                   " s, and was stopped");
   } catch (const CdpError& error) {
+    // Chromium ends a script stopped at its time limit with an internal error.
+    if (Clock::now() - started >= settings.scriptTime)
+      throw Failure("the script didn't finish in " + std::to_string(settings.scriptTime.count()) +
+                    " s, and was stopped");
     std::string text = error.what();
     if (text.find("reference chain") != std::string::npos ||
         text.find("serialize") != std::string::npos || text.find("by value") != std::string::npos)
