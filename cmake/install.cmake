@@ -1,7 +1,10 @@
 # cmake/install.cmake: what `cmake --install` puts where, and the packages CPack builds from the
 # same rules (`cpack -G DEB`, `cpack -G TGZ`, run in the build folder).
 #
-#   bin/nurel
+#   lib/nurel/Nurel.app/Contents/Info.plist      (the bundle: nurel and its browser)
+#   lib/nurel/Nurel.app/Contents/MacOS/nurel
+#   lib/nurel/Nurel.app/Contents/MacOS/nurel-browser
+#   bin/nurel -> ../lib/nurel/Nurel.app/Contents/MacOS/nurel
 #   share/man/man1/nurel.1
 #   share/bash-completion/completions/nurel      (found by bash-completion on demand)
 #   share/zsh/site-functions/_nurel              (zsh's own folder for added functions; under
@@ -11,7 +14,20 @@
 # The completions and the page are written at build time from the usage text (completions/).
 include(GNUInstallDirs)
 
-install(TARGETS nurel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(APPLE)
+  install(TARGETS nurel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+else()
+  # nurel finds its browser through the bundle three folders above its resolved path, so the
+  # program on the PATH is a link into the bundle, never a copy.
+  set(nurel_bundle lib/nurel/Nurel.app)
+  install(TARGETS nurel nurel-browser RUNTIME DESTINATION ${nurel_bundle}/Contents/MacOS)
+  install(FILES ${NUREL_BUNDLE}/Contents/Info.plist DESTINATION ${nurel_bundle}/Contents)
+  install(CODE "
+    set(bin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    file(MAKE_DIRECTORY \"\${bin}\")
+    file(CREATE_LINK ../${nurel_bundle}/Contents/MacOS/nurel \"\${bin}/nurel\" SYMBOLIC)
+  ")
+endif()
 install(FILES ${PROJECT_BINARY_DIR}/doc/nurel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_BINARY_DIR}/completions/nurel.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME nurel)
@@ -36,10 +52,11 @@ set(CPACK_PACKAGE_NAME nurel)
 set(CPACK_PACKAGE_VENDOR "Nurel")
 set(CPACK_PACKAGE_CONTACT "nurel maintainers" CACHE STRING "The packages' maintainer")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "command line and MCP server of the Nurel browser")
+    "a browser for AI agents: command line, MCP server and a Chromium back end")
 set(CPACK_PACKAGE_DESCRIPTION
-    "nurel talks to the running Nurel browser over a local Unix-domain socket and offers its\
- agent functions as shell commands and as an MCP server (nurel mcp) for agents' hosts.")
+    "nurel talks to its browser over a local Unix-domain socket and offers its agent\
+ functions as shell commands and as an MCP server (nurel mcp) for agents' hosts. On Linux the\
+ browser is nurel-browser, which drives Chromium and is started by nurel when needed.")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_GENERATOR DEB TGZ)
 set(CPACK_STRIP_FILES ON)
@@ -50,9 +67,11 @@ set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build[^/]*/" "/node_modules/")
 # /usr.
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Chromium is run, and libplist loaded at run time, rather than linked: dpkg-shlibdeps sees
+# neither.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "chromium | chromium-headless-shell")
 if(NUREL_PLIST_PACKAGE)
-  # Loaded at run time rather than linked, so dpkg-shlibdeps does not see it.
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS ${NUREL_PLIST_PACKAGE})
+  string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", ${NUREL_PLIST_PACKAGE}")
 endif()
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bash-completion")

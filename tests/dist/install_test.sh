@@ -15,12 +15,23 @@ prefix=$scratch/prefix
 cmake --install "$build" --prefix "$prefix" >"$scratch/install.log" 2>&1
 check "cmake --install exits 0" "0" "$?"
 
-for file in bin/nurel share/man/man1/nurel.1 share/bash-completion/completions/nurel \
+bundle=lib/nurel/Nurel.app/Contents
+for file in $bundle/MacOS/nurel $bundle/MacOS/nurel-browser $bundle/Info.plist \
+    share/man/man1/nurel.1 share/bash-completion/completions/nurel \
     share/zsh/site-functions/_nurel share/fish/vendor_completions.d/nurel.fish; do
     check "installed: $file" "yes" "$([[ -f $prefix/$file ]] && echo yes || echo no)"
 done
+check "bin/nurel links into the bundle" "../$bundle/MacOS/nurel" "$(readlink "$prefix/bin/nurel")"
 check "bin/nurel is executable" "yes" "$([[ -x $prefix/bin/nurel ]] && echo yes || echo no)"
-check "nothing else is installed" "5" "$(find "$prefix" -type f | wc -l)"
+check "nurel-browser is executable" "yes" \
+    "$([[ -x $prefix/$bundle/MacOS/nurel-browser ]] && echo yes || echo no)"
+check "nothing else is installed" "7" "$(find "$prefix" -type f | wc -l)"
+check "the bundle names its browser" "yes" \
+    "$(grep -q '<string>nurel-browser</string>' "$prefix/$bundle/Info.plist" && echo yes || echo no)"
+out=$("$prefix/$bundle/MacOS/nurel-browser" --help)
+check "nurel-browser --help exits 0" "0" "$?"
+check_contains "nurel-browser --help says where it listens" "$out" "NUREL_SOCKET"
+
 
 # the installed program runs and prints the guide and the usage
 out=$("$prefix/bin/nurel" guide)
@@ -55,7 +66,8 @@ check "fish: vendor completions from XDG_DATA_DIRS" \
 # staged installs, as packagers make them
 DESTDIR=$scratch/stage cmake --install "$build" --prefix /usr >/dev/null 2>&1
 check "DESTDIR install into a stage" "yes" \
-    "$([[ -x $scratch/stage/usr/bin/nurel && -f $scratch/stage/usr/share/man/man1/nurel.1 ]] &&
+    "$([[ -x $scratch/stage/usr/bin/nurel && -x $scratch/stage/usr/$bundle/MacOS/nurel-browser &&
+        -f $scratch/stage/usr/share/man/man1/nurel.1 ]] &&
         echo yes || echo no)"
 
 finish
