@@ -19,10 +19,8 @@ namespace {
 // The method names of later work, answered with a line that says so until they are built.
 const std::set<std::string>& notYet() {
   static const std::set<std::string> names = {
-      "snapshot", "click",     "hover",   "drag",    "find",   "inspect",  "type",
-      "choose",   "key",       "scroll",  "console", "emulate", "dialog",  "batch",
-      "upload",   "network",   "downloads", "storage", "ask",    "scenarios", "run",
-      "media"};
+      "console", "emulate",   "upload", "network", "downloads",
+      "storage", "ask",       "scenarios", "run", "media"};
   return names;
 }
 
@@ -135,6 +133,8 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
       [this, generation](const std::string& reason) { onClosed(generation, reason); });
   try {
     fresh->cdp->call("Browser.getVersion", Json::object(), {}, std::chrono::seconds(30));
+    // Tabs that pages open are told of, to become the agent's.
+    fresh->cdp->call("Target.setDiscoverTargets", {{"discover", true}});
   } catch (const std::exception& error) {
     std::string why = lastLine(log);
     throw Failure("Chromium (" + program + ") didn't start" + (why.empty() ? "" : ": " + why));
@@ -159,6 +159,19 @@ Json Browser::call(const std::string& method, const Json& params, const std::str
 void Browser::onEvent(uint64_t generation, const std::string& method, const Json& params,
                       const std::string& session) {
   if (session.empty()) {
+    if (method == "Target.targetCreated") {
+      const Json& info = params.contains("targetInfo") ? params["targetInfo"] : params;
+      std::string opener = info.value("openerId", "");
+      if (info.value("type", "") != "page" || opener.empty()) return;
+      std::lock_guard<std::mutex> guard(tabsLock);
+      for (auto& [id, tab] : tabsByID) {
+        if (tab->targetId != opener) continue;
+        std::lock_guard<std::mutex> tabGuard(tab->lock);
+        tab->opened.push_back(info.value("targetId", ""));
+        tab->changed.notify_all();
+      }
+      return;
+    }
     if (method == "Target.detachedFromTarget") {
       std::string detached = params.value("sessionId", "");
       std::lock_guard<std::mutex> guard(tabsLock);
@@ -186,6 +199,17 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
       tab->loaded.push_back(params.value("loaderId", ""));
       if (tab->loaded.size() > 16) tab->loaded.pop_front();
     }
+  } else if (method == "Page.frameNavigated") {
+    const Json& frame = params.contains("frame") ? params["frame"] : params;
+    if (!frame.contains("parentId")) {
+      tab->loader = frame.value("loaderId", "");
+    }
+  } else if (method == "Page.frameStartedLoading") {
+    if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
+  } else if (method == "Page.javascriptDialogOpening") {
+    tab->dialog = params;
+  } else if (method == "Page.javascriptDialogClosed") {
+    tab->dialog.reset();
   } else if (method == "Page.loadEventFired") {
     ++tab->loads;
   } else if (method == "Page.navigatedWithinDocument") {
@@ -236,7 +260,7 @@ void Browser::onClosed(uint64_t generation, const std::string&) {
   }
 }
 
-std::shared_ptr<Tab> Browser::tabFor(const Json& params) {
+std::shared_ptr<Tab> Browser::tabFor(const Json& params, bool duringDialog) {
   std::string id = stringParam(params, "tab");
   if (id.empty()) throw Failure("no tab given: pass the id that open answered (t1)");
   std::shared_ptr<Tab> tab;
@@ -254,6 +278,10 @@ std::shared_ptr<Tab> Browser::tabFor(const Json& params) {
     throw Failure("no tab " + id + ": it was closed");
   }
   if (tab->crashed) throw Failure("the page in " + id + " crashed: reload it");
+  if (tab->dialog && !duringDialog)
+    throw Failure(id + " is showing a dialog (" + tab->dialog->value("type", "alert") + " " +
+                  quote(tab->dialog->value("message", "")) +
+                  "): answer it with dialog (accept or dismiss) first");
   return tab;
 }
 
@@ -275,6 +303,11 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
   call("Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}},
        tab->session);
   call("Runtime.enable", Json::object(), tab->session);
+  Json tree = call("Page.getFrameTree", Json::object(), tab->session);
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (tab->loader.empty()) tab->loader = tree["frameTree"]["frame"].value("loaderId", "");
+  }
   return tab;
 }
 
@@ -382,6 +415,12 @@ const std::map<std::string, Browser::Handler>& Browser::handlers() {
       {"describe", &Browser::describe}, {"wait", &Browser::wait},
       {"screenshot", &Browser::screenshot}, {"pdf", &Browser::pdf},
       {"signin", &Browser::signin},
+      {"snapshot", &Browser::snapshot}, {"click", &Browser::click},
+      {"hover", &Browser::hover},     {"drag", &Browser::drag},
+      {"type", &Browser::type},       {"choose", &Browser::choose},
+      {"key", &Browser::key},         {"scroll", &Browser::scroll},
+      {"find", &Browser::find},       {"inspect", &Browser::inspect},
+      {"dialog", &Browser::dialog},   {"batch", &Browser::batch},
   };
   return table;
 }

@@ -11,6 +11,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -59,6 +60,15 @@ struct Tab {
   std::set<std::string> requests;     // network requests in flight
   std::chrono::steady_clock::time_point lastNetwork = std::chrono::steady_clock::now();
   int world = 0;                      // our isolated world's context in the page, 0 when none
+  std::string loader;                 // the loader of the document now in the main frame
+  uint64_t startedLoading = 0;        // loads the main frame has started
+  std::vector<std::string> opened;    // targets the page opened, not yet made tabs
+  std::optional<Json> dialog;         // the JavaScript dialog showing, if any
+
+  // Refs: numbers go up across the tab's documents; each run of them belongs to one document.
+  int nextRef = 1;
+  std::map<int, std::string> refDocuments;  // first number of a run -> its document's loader
+  std::map<std::string, std::string> lastSnapshot;  // by variant, for diff
   bool crashed = false;
   bool gone = false;                  // closed by the page or by Chromium
 };
@@ -101,8 +111,8 @@ class Browser {
                const std::string& session);
   void onClosed(uint64_t generation, const std::string& reason);
 
-  // Tabs.
-  std::shared_ptr<Tab> tabFor(const Json& params);
+  // Tabs. A tab showing a dialog answers only `dialog` and `close` until it is answered.
+  std::shared_ptr<Tab> tabFor(const Json& params, bool duringDialog = false);
   std::shared_ptr<Tab> attach(const std::string& targetId);
   void forget(const std::shared_ptr<Tab>& tab);
   std::string describeTab(const std::shared_ptr<Tab>& tab, const std::string& note = {});
@@ -115,9 +125,32 @@ class Browser {
   std::string go(const std::shared_ptr<Tab>& tab, const std::string& url);
   std::string goInHistory(const Json& params, int step);
   // Runs an expression in the tab's own isolated world (out of the page's reach) and returns
-  // its value. `readability` makes the article reader available there first.
+  // its value, with one of our libraries made available there first.
+  enum class Library { none, readability, page };
   Json inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
-               bool readability = false);
+               Library library = Library::none);
+
+  // Acting.
+  struct Before {
+    uint64_t started = 0, loads = 0, same = 0;
+    std::string url;
+  };
+  int refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref);
+  // Scrolled to, visible, enabled and not covered: the point to act at. Throws Failure.
+  std::pair<double, double> targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
+                                     std::string& label, bool enabled = true);
+  std::pair<double, double> pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
+                                    const char* xName, const char* yName, std::string& label);
+  Before watch(const std::shared_ptr<Tab>& tab);
+  // Sends input, returning early when a dialog opens (the page waits for it, and so would we).
+  void input(const std::shared_ptr<Tab>& tab, const std::string& method, const Json& params);
+  void mouse(const std::shared_ptr<Tab>& tab, const std::string& type, double x, double y,
+             const std::string& button = "none", int clicks = 0, int buttons = 0);
+  // What an action did, after it: `did` and what followed (a load, a tab, a dialog, a change).
+  std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did);
+  std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
+  void recordRefs(const std::shared_ptr<Tab>& tab, int used);
+  Json actOne(const std::string& method, const Json& params);
   std::string checkedURL(const std::string& url);
 
 
@@ -137,6 +170,18 @@ class Browser {
   Json screenshot(const Json& params);
   Json pdf(const Json& params);
   Json signin(const Json& params);
+  Json snapshot(const Json& params);
+  Json click(const Json& params);
+  Json hover(const Json& params);
+  Json drag(const Json& params);
+  Json type(const Json& params);
+  Json choose(const Json& params);
+  Json key(const Json& params);
+  Json scroll(const Json& params);
+  Json find(const Json& params);
+  Json inspect(const Json& params);
+  Json dialog(const Json& params);
+  Json batch(const Json& params);
 
   Settings settings;
   std::mutex engineLock;  // held while starting or replacing the engine

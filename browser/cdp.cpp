@@ -48,6 +48,26 @@ Json Cdp::call(const std::string& method, const Json& params, const std::string&
   return std::move(waiting->result);
 }
 
+std::shared_ptr<Cdp::Pending> Cdp::start(const std::string& method, const Json& params,
+                                         const std::string& session) {
+  auto waiting = std::make_shared<Pending>();
+  waiting->id = send(method, params, session, waiting);
+  return waiting;
+}
+
+bool Cdp::wait(const std::shared_ptr<Pending>& waiting, std::chrono::milliseconds most) {
+  std::unique_lock<std::mutex> guard(lock);
+  if (!answered.wait_for(guard, most, [&] { return waiting->done; })) return false;
+  if (waiting->lost) throw BrowserLost(waiting->error);
+  if (waiting->refused) throw CdpError(waiting->error);
+  return true;
+}
+
+void Cdp::forget(const std::shared_ptr<Pending>& waiting) {
+  std::lock_guard<std::mutex> guard(lock);
+  pending.erase(waiting->id);
+}
+
 void Cdp::post(const std::string& method, const Json& params, const std::string& session) {
   try {
     send(method, params, session, nullptr);

@@ -74,8 +74,19 @@ class Cdp {
   /// False once the transport has ended.
   bool alive() const { return open.load(); }
 
- private:
+  struct Pending;
+  /// Sends a command whose answer is waited for with wait(), for a caller that may stop
+  /// waiting early. Throws BrowserLost.
+  std::shared_ptr<Pending> start(const std::string& method, const Json& params = Json::object(),
+                                 const std::string& session = {});
+  /// True once the command is answered (throwing CdpError or BrowserLost for a failure), false
+  /// when `most` ran out first.
+  bool wait(const std::shared_ptr<Pending>& pending, std::chrono::milliseconds most);
+  /// No longer waits for that answer.
+  void forget(const std::shared_ptr<Pending>& pending);
+
   struct Pending {
+    int64_t id = 0;
     bool done = false;
     bool refused = false;  // the browser answered with an error
     bool lost = false;     // the transport ended first
@@ -83,6 +94,7 @@ class Cdp {
     std::string error;
   };
 
+ private:
   int64_t send(const std::string& method, const Json& params, const std::string& session,
                std::shared_ptr<Pending> pending);
   void dispatch(std::string_view message);

@@ -175,7 +175,7 @@ Json Browser::reload(const Json& params) {
 }
 
 Json Browser::close(const Json& params) {
-  auto tab = tabFor(params);
+  auto tab = tabFor(params, true);
   forget(tab);
   try {
     call("Target.closeTarget", {{"targetId", tab->targetId}});

@@ -37,7 +37,7 @@ std::string withSeconds(double seconds) {
 }  // namespace
 
 Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
-                      bool readability) {
+                      Library library) {
   auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
   for (int attempt = 0;; ++attempt) {
     int context;
@@ -53,14 +53,17 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
         std::lock_guard<std::mutex> guard(tab->lock);
         tab->world = context;
       }
-      if (readability) {
+      if (library != Library::none) {
+        bool page = library == Library::page;
         Json there = call("Runtime.evaluate",
-                          {{"expression", "typeof Readability === 'function'"},
+                          {{"expression", page ? "typeof __nurel === 'object'"
+                                               : "typeof Readability === 'function'"},
                            {"contextId", context}, {"returnByValue", true}},
                           tab->session);
         if (!there["result"].value("value", false))
           call("Runtime.evaluate",
-               {{"expression", std::string(scripts::readability)}, {"contextId", context}},
+               {{"expression", std::string(page ? scripts::page : scripts::readability)},
+                {"contextId", context}},
                tab->session);
       }
       Json answer = call("Runtime.evaluate",
@@ -135,7 +138,7 @@ Json Browser::text(const Json& params) {
   bool all = flagParam(params, "all");
   double limit = numberParam(params, "limit", double(textLimit));
   Json value = inWorld(tab, "(" + std::string(scripts::text) + ")(" + (all ? "true" : "false") + ")",
-                       !all);
+                       all ? Library::none : Library::readability);
   std::string text = value.is_string() ? value.get<std::string>() : std::string();
   if (text.empty()) return "the page has no text";
   if (limit <= 0) return text;  // 0: the whole text (as when it goes to a file)

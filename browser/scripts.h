@@ -9,5 +9,6 @@ namespace nurel::browser::scripts {
 extern const std::string_view readability;  // Readability.js: defines the class Readability
 extern const std::string_view text;         // (all) => the page's text
 extern const std::string_view describe;     // an expression: the page in brief
+extern const std::string_view page;         // defines __nurel: snapshots, refs, actions' helpers
 
 }  // namespace nurel::browser::scripts

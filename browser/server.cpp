@@ -68,13 +68,7 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
-// One line of text: an error from deep down may hold line feeds, and a reply is one line.
-std::string oneLine(std::string text) {
-  for (char& c : text)
-    if (c == '\n' || c == '\r') c = ' ';
-  if (text.empty()) text = "failed";
-  return text;
-}
+std::string nonEmpty(std::string text) { return text.empty() ? "failed" : text; }
 
 }  // namespace
 
@@ -101,7 +95,7 @@ std::optional<std::string> respond(const Handler& handler, std::string_view line
       reply["result"] = handler(method->get<std::string>(),
                                 params != request.end() && params->is_object() ? *params : none);
     } catch (const std::exception& error) {
-      reply["error"] = oneLine(error.what());
+      reply["error"] = nonEmpty(error.what());
     } catch (...) {
       reply["error"] = "failed";
     }

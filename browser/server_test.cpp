@@ -16,7 +16,7 @@ namespace nurel::browser {
 namespace {
 
 Json echo(const std::string& method, const Json& params) {
-  if (method == "fail") throw Failure("it failed\non two lines");
+  if (method == "fail") throw Failure("it failed\nafter one action");
   return {{"method", method}, {"params", params}};
 }
 
@@ -26,7 +26,7 @@ TEST(Respond, AnswersEachRequestWithItsOwnID) {
   EXPECT_EQ(respond(echo, R"({"id":"x","method":"open","params":{"url":"a"}})" "\r"),
             "{\"id\":\"x\",\"result\":{\"method\":\"open\",\"params\":{\"url\":\"a\"}}}\n");
   EXPECT_EQ(respond(echo, R"({"id":null,"method":"fail"})"),
-            "{\"error\":\"it failed on two lines\",\"id\":null}\n");
+            "{\"error\":\"it failed\\nafter one action\",\"id\":null}\n");
 }
 
 TEST(Respond, LinesWithoutAnIDGoUnanswered) {

@@ -1,0 +1,577 @@
+// browser/acting.cpp: snapshots with refs, and acting on them with real input events.
+//
+// A ref is a number the page's own world keeps for one element of one document; the back end
+// knows which document each number was given in, so that a ref from an earlier page is refused
+// rather than matched to whatever now stands there.
+#include <algorithm>
+#include <cmath>
+#include <sstream>
+#include <thread>
+
+#include "browser/browser.h"
+
+namespace nurel::browser {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// Snapshots longer than this are cut, with a line that says how to get less or all of it.
+constexpr size_t snapshotLimit = 40000;
+
+// How long an action's effects are given to show before its answer.
+constexpr auto settle = 150ms;
+
+struct KeyInfo {
+  std::string key, code;
+  int keyCode = 0;
+  std::string text;
+};
+
+// A key by the name the tools use ("enter", "f5", "a", "é").
+std::optional<KeyInfo> keyNamed(const std::string& name) {
+  static const std::map<std::string, KeyInfo> named = {
+      {"enter", {"Enter", "Enter", 13, "\r"}},      {"return", {"Enter", "Enter", 13, "\r"}},
+      {"tab", {"Tab", "Tab", 9, ""}},               {"space", {" ", "Space", 32, " "}},
+      {"escape", {"Escape", "Escape", 27, ""}},     {"esc", {"Escape", "Escape", 27, ""}},
+      {"backspace", {"Backspace", "Backspace", 8, ""}}, {"delete", {"Delete", "Delete", 46, ""}},
+      {"up", {"ArrowUp", "ArrowUp", 38, ""}},       {"down", {"ArrowDown", "ArrowDown", 40, ""}},
+      {"left", {"ArrowLeft", "ArrowLeft", 37, ""}}, {"right", {"ArrowRight", "ArrowRight", 39, ""}},
+      {"home", {"Home", "Home", 36, ""}},           {"end", {"End", "End", 35, ""}},
+      {"pageup", {"PageUp", "PageUp", 33, ""}},     {"pagedown", {"PageDown", "PageDown", 34, ""}},
+  };
+  std::string lower = name;
+  std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+  if (auto found = named.find(lower); found != named.end()) return found->second;
+  if (lower.size() >= 2 && lower.size() <= 3 && lower[0] == 'f' &&
+      std::all_of(lower.begin() + 1, lower.end(), ::isdigit)) {
+    int number = std::stoi(lower.substr(1));
+    if (number >= 1 && number <= 12)
+      return KeyInfo{"F" + std::to_string(number), "F" + std::to_string(number), 111 + number, ""};
+  }
+  // One character: its own key.
+  size_t length = name.empty() ? 0 : (static_cast<unsigned char>(name[0]) < 0x80 ? 1
+                                      : (static_cast<unsigned char>(name[0]) >> 5) == 6 ? 2
+                                      : (static_cast<unsigned char>(name[0]) >> 4) == 14 ? 3 : 4);
+  if (length == 0 || length != name.size()) return std::nullopt;
+  KeyInfo info{name, "", 0, name};
+  if (length == 1) {
+    char c = name[0];
+    if (std::isalpha(static_cast<unsigned char>(c))) {
+      info.code = std::string("Key") + char(std::toupper(c));
+      info.keyCode = std::toupper(c);
+    } else if (std::isdigit(static_cast<unsigned char>(c))) {
+      info.code = std::string("Digit") + c;
+      info.keyCode = c;
+    }
+  }
+  return info;
+}
+
+std::string seconds(std::chrono::seconds limit) { return std::to_string(limit.count()) + " s"; }
+
+// The lines of `now` against those of `before`: what was added (+), removed (-) and kept.
+std::string difference(const std::string& before, const std::string& now) {
+  auto split = [](const std::string& text) {
+    std::vector<std::string> lines;
+    std::stringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  };
+  std::vector<std::string> a = split(before), b = split(now);
+  // Longest common subsequence of lines, on the part that differs; pages of tens of thousands
+  // of lines change mostly in one place, so the common ends are taken off first.
+  size_t head = 0;
+  while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
+  size_t tail = 0;
+  while (tail < a.size() - head && tail < b.size() - head &&
+         a[a.size() - 1 - tail] == b[b.size() - 1 - tail])
+    ++tail;
+  std::vector<std::string> x(a.begin() + long(head), a.end() - long(tail));
+  std::vector<std::string> y(b.begin() + long(head), b.end() - long(tail));
+  std::string out;
+  size_t added = 0, removed = 0;
+  if (x.size() * y.size() > 25'000'000) {
+    // Too much changed to pair lines up: all of it, as removed and added.
+    for (auto& line : x) out += "-" + line + "\n", ++removed;
+    for (auto& line : y) out += "+" + line + "\n", ++added;
+  } else {
+    std::vector<std::vector<uint32_t>> common(x.size() + 1, std::vector<uint32_t>(y.size() + 1));
+    for (size_t i = x.size(); i-- > 0;)
+      for (size_t j = y.size(); j-- > 0;)
+        common[i][j] = x[i] == y[j] ? common[i + 1][j + 1] + 1
+                                    : std::max(common[i + 1][j], common[i][j + 1]);
+    size_t i = 0, j = 0;
+    while (i < x.size() || j < y.size()) {
+      if (i < x.size() && j < y.size() && x[i] == y[j]) {
+        ++i, ++j;
+      } else if (j < y.size() && (i == x.size() || common[i][j + 1] >= common[i + 1][j])) {
+        out += "+" + y[j++] + "\n", ++added;
+      } else {
+        out += "-" + x[i++] + "\n", ++removed;
+      }
+    }
+  }
+  if (added == 0 && removed == 0) return "nothing changed since the last snapshot";
+  return std::to_string(added) + " lines added (+), " + std::to_string(removed) +
+         " removed (-) since the last snapshot:\n" + out.substr(0, out.size() - 1);
+}
+
+}  // namespace
+
+void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used) {
+  if (used <= 0) return;
+  std::lock_guard<std::mutex> guard(tab->lock);
+  tab->refDocuments[tab->nextRef] = tab->loader;
+  tab->nextRef += used;
+}
+
+std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode) {
+  int base;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    base = tab->nextRef;
+  }
+  Json taken = inWorld(tab, "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")",
+                       Library::page);
+  recordRefs(tab, taken.value("used", 0));
+  std::string text = taken.value("text", "");
+  return text.empty() ? "the page is empty" : text;
+}
+
+Json Browser::snapshot(const Json& params) {
+  auto tab = tabFor(params);
+  std::string mode = flagParam(params, "interactive") ? "interactive"
+                     : flagParam(params, "viewport")  ? "viewport"
+                                                      : "full";
+  std::string text = snapshotText(tab, mode);
+  std::string answer = text;
+  if (flagParam(params, "diff")) {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    auto last = tab->lastSnapshot.find(mode);
+    if (last != tab->lastSnapshot.end()) answer = difference(last->second, text);
+  }
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    tab->lastSnapshot[mode] = text;
+  }
+  double limit = numberParam(params, "limit", double(snapshotLimit));
+  if (limit > 0) {
+    bool cut = false;
+    size_t total = 0;
+    std::string shown = firstCharacters(answer, size_t(std::min(limit, 1e12)), cut, total);
+    if (cut) {
+      shown.erase(shown.rfind('\n') == std::string::npos ? shown.size() : shown.rfind('\n'));
+      answer = shown + "\n[cut at " + std::to_string(size_t(limit)) + " of " +
+               std::to_string(total) +
+               " characters: take it interactive or viewport for less, or save it to a file for "
+               "all of it]";
+    }
+  }
+  return answer;
+}
+
+int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {
+  if (ref.size() < 2 || ref[0] != 'e' || ref.size() > 10 ||
+      !std::all_of(ref.begin() + 1, ref.end(), ::isdigit))
+    throw Failure(quote(ref) + " isn't a ref: refs look like e12 and come from a snapshot");
+  int number = std::stoi(ref.substr(1));
+  std::lock_guard<std::mutex> guard(tab->lock);
+  auto run = tab->refDocuments.upper_bound(number);
+  if (number < 1 || number >= tab->nextRef || run == tab->refDocuments.begin())
+    throw Failure("there is no ref " + ref + " in " + tab->id + ": take a snapshot for refs");
+  --run;
+  if (run->second != tab->loader)
+    throw Failure("ref " + ref + " is from an earlier page: take a new snapshot");
+  return number;
+}
+
+std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
+                                            std::string& label, bool enabled) {
+  int number = refNumber(tab, ref);
+  Json target = inWorld(tab, "__nurel.target(" + std::to_string(number) + ")", Library::page);
+  if (target.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+  label = target.value("label", ref);
+  if (target.value("hidden", false)) throw Failure(label + " isn't visible");
+  if (enabled && target.value("disabled", false)) throw Failure(label + " is disabled");
+  if (target.contains("covered"))
+    throw Failure(label + " is covered by " + target.value("covered", "something"));
+  return {target.value("x", 0.0), target.value("y", 0.0)};
+}
+
+std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
+                                           const char* xName, const char* yName,
+                                           std::string& label) {
+  std::string ref = stringParam(params, xName == std::string("from_x") ? "ref" : xName == std::string("to_x") ? "to_ref" : "ref");
+  if (!ref.empty()) return targetOf(tab, ref, label);
+  if (!params.contains(xName) || !params.contains(yName))
+    throw Failure(std::string("give a ref, or ") + xName + " and " + yName);
+  double x = numberParam(params, xName, 0), y = numberParam(params, yName, 0);
+  // A point is from the page's top left: scroll there first, then act in the screen's terms.
+  Json at = inWorld(tab, "(() => { const x = " + std::to_string(x) + ", y = " + std::to_string(y) +
+                             "; if (y < scrollY || y >= scrollY + innerHeight || x < scrollX || x >= "
+                             "scrollX + innerWidth) scrollTo({left: x - innerWidth / 2, top: y - "
+                             "innerHeight / 2, behavior: 'instant'}); return [x - scrollX, y - "
+                             "scrollY]; })()");
+  std::ostringstream place;
+  place << "the point " << x << "," << y;
+  label = place.str();
+  return {at[0].get<double>(), at[1].get<double>()};
+}
+
+Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
+  inWorld(tab, "__nurel.watch()", Library::page);
+  Before before;
+  std::lock_guard<std::mutex> guard(tab->lock);
+  before.started = tab->startedLoading;
+  before.loads = tab->loads;
+  before.same = tab->sameDocument;
+  return before;
+}
+
+void Browser::input(const std::shared_ptr<Tab>& tab, const std::string& method, const Json& params) {
+  std::shared_ptr<Engine> running = engine();
+  auto reply = running->cdp->start(method, params, tab->session);
+  auto deadline = Clock::now() + 10s;
+  while (!running->cdp->wait(reply, 20ms)) {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    // The page stops at an alert until it is answered, and so does Chromium's reply.
+    if (tab->dialog || tab->gone || tab->crashed || Clock::now() > deadline) {
+      running->cdp->forget(reply);
+      if (tab->dialog || tab->gone || tab->crashed) return;
+      throw Failure("Chromium didn't take the input in 10 s");
+    }
+  }
+}
+
+void Browser::mouse(const std::shared_ptr<Tab>& tab, const std::string& type, double x, double y,
+                    const std::string& button, int clicks, int buttons) {
+  input(tab, "Input.dispatchMouseEvent",
+        {{"type", type}, {"x", x}, {"y", y}, {"button", button}, {"buttons", buttons},
+         {"clickCount", clicks}});
+}
+
+std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& before,
+                             const std::string& did) {
+  auto deadline = Clock::now() + settle;
+  std::vector<std::string> opened;
+  bool navigating = false;
+  {
+    std::unique_lock<std::mutex> guard(tab->lock);
+    tab->changed.wait_until(guard, deadline, [&] {
+      return tab->dialog || tab->gone || tab->startedLoading != before.started ||
+             tab->sameDocument != before.same || !tab->opened.empty();
+    });
+    if (tab->gone) return did + "; the tab closed";
+    if (tab->dialog) {
+      const Json& dialog = *tab->dialog;
+      return did + "; a dialog opened: " + dialog.value("type", "alert") + " " +
+             quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
+    }
+    navigating = tab->startedLoading != before.started;
+  }
+  // A tab the page opened becomes the agent's, with an id of its own.
+  std::this_thread::sleep_for(navigating ? 0ms : 50ms);
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    opened.swap(tab->opened);
+  }
+  std::string answer = did;
+  for (const std::string& targetId : opened) {
+    try {
+      auto fresh = attach(targetId);
+      answer += "; a tab opened: " + fresh->id;
+    } catch (const std::exception&) {
+      // Closed again before we got to it.
+    }
+  }
+  if (navigating) {
+    uint64_t loadsBefore = before.loads;
+    bool loaded = awaitChange(tab, loadsBefore, ~uint64_t(0), Clock::now() + settings.loadTime);
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      if (tab->dialog) return answer + "; a dialog opened: " + tab->dialog->value("type", "alert") +
+                              " " + quote(tab->dialog->value("message", "")) +
+                              ": answer it with dialog (accept or dismiss)";
+    }
+    std::string line = describeTab(tab, loaded ? "" : "still loading after " + seconds(settings.loadTime));
+    return answer + "; the page went to " + line.substr(line.find(' ') + 1);
+  }
+  if (!opened.empty()) return answer;
+  Json changes = inWorld(tab, "__nurel.changes()", Library::page);
+  bool same;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    same = tab->sameDocument != before.same;
+  }
+  if (same) return answer + "; the address is now " + describeTab(tab).substr(tab->id.size() + 1);
+  return answer + (changes.is_number() && changes.get<int>() > 0 ? "; the page changed"
+                                                                  : "; nothing visible changed");
+}
+
+Json Browser::click(const Json& params) {
+  auto tab = tabFor(params);
+  std::string label;
+  auto [x, y] = pointOf(tab, params, "x", "y", label);
+  Before before = watch(tab);
+  bool right = stringParam(params, "button") == "right";
+  bool twice = flagParam(params, "double");
+  std::string button = right ? "right" : "left";
+  int held = right ? 2 : 1;
+  mouse(tab, "mouseMoved", x, y);
+  for (int click = 1; click <= (twice ? 2 : 1); ++click) {
+    mouse(tab, "mousePressed", x, y, button, click, held);
+    mouse(tab, "mouseReleased", x, y, button, click, 0);
+  }
+  return outcome(tab, before, std::string(twice ? "double-clicked " : right ? "right-clicked " : "clicked ") + label);
+}
+
+Json Browser::hover(const Json& params) {
+  auto tab = tabFor(params);
+  std::string label;
+  auto [x, y] = pointOf(tab, params, "x", "y", label);
+  Before before = watch(tab);
+  mouse(tab, "mouseMoved", x, y);
+  return outcome(tab, before, "the pointer is over " + label);
+}
+
+Json Browser::drag(const Json& params) {
+  auto tab = tabFor(params);
+  std::string from, to;
+  auto [x0, y0] = pointOf(tab, params, "from_x", "from_y", from);
+  Before before = watch(tab);
+  mouse(tab, "mouseMoved", x0, y0);
+  mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
+  // The target is found once the drag has begun: pages move things when it starts.
+  auto [x1, y1] = pointOf(tab, params, "to_x", "to_y", to);
+  for (int step = 1; step <= 10; ++step)
+    mouse(tab, "mouseMoved", x0 + (x1 - x0) * step / 10, y0 + (y1 - y0) * step / 10, "left", 0, 1);
+  mouse(tab, "mouseReleased", x1, y1, "left", 1, 0);
+  return outcome(tab, before, "dragged " + from + " to " + to);
+}
+
+Json Browser::type(const Json& params) {
+  auto tab = tabFor(params);
+  std::string text = stringParam(params, "text");
+  std::string ref = stringParam(params, "ref");
+  std::string label = "what has focus";
+  if (!ref.empty()) {
+    auto [x, y] = targetOf(tab, ref, label);
+    mouse(tab, "mouseMoved", x, y);
+    mouse(tab, "mousePressed", x, y, "left", 1, 1);
+    mouse(tab, "mouseReleased", x, y, "left", 1, 0);
+    Json focused = inWorld(tab, "__nurel.focusForTyping(" + std::to_string(refNumber(tab, ref)) +
+                                    ", " + (flagParam(params, "replace") ? "true" : "false") + ")",
+                           Library::page);
+    if (focused.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+  }
+  Before before = watch(tab);
+  // Text goes in as text, whatever the language and the keyboard: line breaks as Enter, so
+  // that fields and pages see them as a person's.
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t line = text.find('\n', start);
+    std::string piece = text.substr(start, line == std::string::npos ? std::string::npos : line - start);
+    if (!piece.empty()) input(tab, "Input.insertText", {{"text", piece}});
+    if (line == std::string::npos) break;
+    for (const char* kind : {"keyDown", "keyUp"})
+      input(tab, "Input.dispatchKeyEvent",
+            {{"type", kind}, {"key", "Enter"}, {"code", "Enter"}, {"windowsVirtualKeyCode", 13},
+             {"text", std::string(kind) == "keyDown" ? "\r" : ""}});
+    start = line + 1;
+  }
+  bool cut = false;
+  size_t characters = 0;
+  firstCharacters(text, 0, cut, characters);
+  return outcome(tab, before, "typed " + std::to_string(characters) + " characters into " + label);
+}
+
+Json Browser::choose(const Json& params) {
+  auto tab = tabFor(params);
+  std::string ref = stringParam(params, "ref");
+  std::string label;
+  targetOf(tab, ref, label);
+  Before before = watch(tab);
+  Json chosen = inWorld(tab, "__nurel.choose(" + std::to_string(refNumber(tab, ref)) + ", " +
+                                 quote(stringParam(params, "option")) + ")",
+                        Library::page);
+  if (chosen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+  if (chosen.contains("error")) throw Failure(chosen.value("error", ""));
+  return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label);
+}
+
+Json Browser::key(const Json& params) {
+  auto tab = tabFor(params);
+  std::string name = stringParam(params, "key");
+  if (name.empty()) throw Failure("no key given");
+  // Modifiers before the key, joined by "+": "shift+tab", "cmd+a" (cmd is ctrl here).
+  int modifiers = 0;
+  std::string rest = name;
+  for (;;) {
+    size_t plus = rest.find('+');
+    if (plus == std::string::npos || plus + 1 == rest.size()) break;
+    std::string modifier = rest.substr(0, plus);
+    std::transform(modifier.begin(), modifier.end(), modifier.begin(), ::tolower);
+    if (modifier == "alt" || modifier == "option") modifiers |= 1;
+    else if (modifier == "ctrl" || modifier == "control" || modifier == "cmd" || modifier == "meta" ||
+             modifier == "command")
+      modifiers |= 2;
+    else if (modifier == "shift") modifiers |= 8;
+    else throw Failure("unknown modifier " + quote(modifier) + ": use cmd, ctrl, alt or shift");
+    rest = rest.substr(plus + 1);
+  }
+  std::optional<KeyInfo> info = keyNamed(rest);
+  if (!info)
+    throw Failure("unknown key " + quote(rest) +
+                  ": enter, tab, space, escape, backspace, delete, arrows, home, end, pageup, "
+                  "pagedown, f1-f12 or one character");
+  Before before = watch(tab);
+  std::string text = (modifiers & ~8) ? "" : info->text;
+  if ((modifiers & 8) && text.size() == 1 && std::isalpha(static_cast<unsigned char>(text[0])))
+    text = std::string(1, char(std::toupper(text[0])));
+  Json down = {{"type", text.empty() ? "rawKeyDown" : "keyDown"}, {"key", info->key},
+               {"code", info->code}, {"windowsVirtualKeyCode", info->keyCode},
+               {"modifiers", modifiers}};
+  if (!text.empty()) down["text"] = text;
+  // Select all and undo are editing commands of the browser, not of the page.
+  std::string lower = rest;
+  std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+  if (modifiers == 2 && lower == "a") down["commands"] = Json::array({"selectAll"});
+  if (modifiers == 2 && lower == "z") down["commands"] = Json::array({"undo"});
+  input(tab, "Input.dispatchKeyEvent", down);
+  input(tab, "Input.dispatchKeyEvent",
+        {{"type", "keyUp"}, {"key", info->key}, {"code", info->code},
+         {"windowsVirtualKeyCode", info->keyCode}, {"modifiers", modifiers}});
+  return outcome(tab, before, "pressed " + name);
+}
+
+Json Browser::scroll(const Json& params) {
+  auto tab = tabFor(params);
+  std::string label = "the page";
+  double x, y;
+  if (!stringParam(params, "ref").empty()) {
+    std::tie(x, y) = targetOf(tab, stringParam(params, "ref"), label, false);
+  } else {
+    Json size = inWorld(tab, "[innerWidth, innerHeight]");
+    x = params.contains("x") ? numberParam(params, "x", 0) : size[0].get<double>() / 2;
+    y = params.contains("y") ? numberParam(params, "y", 0) : size[1].get<double>() / 2;
+  }
+  Json start = inWorld(tab, "__nurel.scrolled()", Library::page);
+  double screen = inWorld(tab, "innerHeight").get<double>();
+  double dy = numberParam(params, "dy", std::round(screen * 0.9));
+  double dx = numberParam(params, "dx", 0);
+  mouse(tab, "mouseMoved", x, y);
+  input(tab, "Input.dispatchMouseEvent",
+        {{"type", "mouseWheel"}, {"x", x}, {"y", y}, {"deltaX", dx}, {"deltaY", dy}});
+  // The wheel scrolls in frames: wait until it rests.
+  Json now = start;
+  for (int i = 0; i < 20; ++i) {
+    std::this_thread::sleep_for(50ms);
+    Json next = inWorld(tab, "__nurel.scrolled()", Library::page);
+    if (next == now && i > 1) break;
+    now = next;
+  }
+  std::string answer = "turned the wheel " + std::to_string(long(dy)) + " px over " + label +
+                       ": the page is at " + std::to_string(now.value("y", 0)) + " of " +
+                       std::to_string(now.value("most", 0)) + " px";
+  if (now == start) answer += " (it didn't move: the page may move itself; a screenshot shows it)";
+  return answer;
+}
+
+Json Browser::find(const Json& params) {
+  auto tab = tabFor(params);
+  int base;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    base = tab->nextRef;
+  }
+  Json found = inWorld(tab, "__nurel.find(" + quote(stringParam(params, "text")) + ", " +
+                                std::to_string(base) + ")",
+                       Library::page);
+  recordRefs(tab, found.value("used", 0));
+  return found.value("text", "");
+}
+
+Json Browser::inspect(const Json& params) {
+  auto tab = tabFor(params);
+  std::string ref = stringParam(params, "ref");
+  int number = refNumber(tab, ref);
+  Json seen = inWorld(tab, "__nurel.inspect(" + std::to_string(number) + ", " +
+                               quote(stringParam(params, "styles")) + ")",
+                      Library::page);
+  if (seen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+  return seen["element"];
+}
+
+Json Browser::dialog(const Json& params) {
+  auto tab = tabFor(params, true);
+  std::optional<Json> showing;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    showing = tab->dialog;
+  }
+  if (!showing) throw Failure(tab->id + " shows no dialog");
+  bool accept = flagParam(params, "accept");
+  Json answer = {{"accept", accept}};
+  std::string text = stringParam(params, "text");
+  if (params.contains("text")) answer["promptText"] = text;
+  call("Page.handleJavaScriptDialog", answer, tab->session);
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    tab->dialog.reset();
+  }
+  std::string what = showing->value("type", "alert") + " " + quote(showing->value("message", ""));
+  return std::string(accept ? "accepted " : "dismissed ") + what +
+         (accept && params.contains("text") ? " with " + quote(text) : "");
+}
+
+Json Browser::actOne(const std::string& method, const Json& params) {
+  return handle(method, params);
+}
+
+Json Browser::batch(const Json& params) {
+  std::string tab = stringParam(params, "tab");
+  const Json& actions = params.contains("actions") ? params["actions"] : Json();
+  if (!actions.is_array() || actions.empty()) throw Failure("batch takes a list of actions");
+  if (actions.size() > 25) throw Failure("a batch holds at most 25 actions");
+  // The tools a batch may name, and the methods they are.
+  static const std::map<std::string, std::string> methods = {
+      {"click", "click"},         {"type", "type"},          {"select_option", "choose"},
+      {"press_key", "key"},       {"scroll", "scroll"},      {"hover", "hover"},
+      {"drag", "drag"},           {"navigate", "navigate"},  {"go_back", "back"},
+      {"go_forward", "forward"},  {"reload", "reload"},      {"wait_for", "wait"},
+      {"media", "media"},         {"handle_dialog", "dialog"}, {"snapshot", "snapshot"},
+      {"describe_page", "describe"}, {"get_text", "text"},   {"find", "find"},
+      {"inspect", "inspect"},     {"console", "console"},    {"evaluate", "eval"},
+      {"emulate", "emulate"}};
+  std::string lines;
+  size_t number = 0;
+  for (const Json& action : actions) {
+    ++number;
+    std::string prefix = std::to_string(number) + ". ";
+    if (!action.is_object() || !action.contains("do") || !action["do"].is_string())
+      throw Failure(lines + prefix + "failed: an action needs \"do\"");
+    std::string tool = action["do"];
+    auto method = methods.find(tool);
+    if (method == methods.end())
+      throw Failure(lines + prefix + tool + " failed: not an action a batch can do");
+    Json arguments = action;
+    arguments.erase("do");
+    if (!arguments.contains("tab")) arguments["tab"] = tab;
+    try {
+      Json result = handle(method->second, arguments);
+      std::string text = result.is_string() ? result.get<std::string>() : indented(result);
+      lines += prefix + tool + ": " + text + "\n";
+    } catch (const Failure& failure) {
+      std::string rest = number < actions.size()
+                             ? " (the " + std::to_string(actions.size() - number) + " after it not done)"
+                             : "";
+      throw Failure(lines + prefix + tool + " failed: " + failure.what() + rest);
+    }
+  }
+  lines.pop_back();
+  return lines;
+}
+
+}  // namespace nurel::browser

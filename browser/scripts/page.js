@@ -1,0 +1,548 @@
+// The back end's helpers in a page: the page as roles and names, refs, and what actions need.
+//
+// Evaluated once in each document's isolated world (out of the page scripts' reach), where it
+// defines globalThis.__nurel. What it keeps lives as long as the document: an element given a
+// ref keeps it for the document's life, and a number is never given to another element. New
+// refs are numbered from the `base` the back end passes (its count for the tab, so that numbers
+// never repeat across the tab's documents), and each call says how many it gave (`used`).
+(() => {
+  if (globalThis.__nurel) return;
+  const state = { byElement: new WeakMap(), byNumber: new Map() };
+  let refs = { base: 1, used: 0 };
+  const refOf = (element) => {
+    let number = state.byElement.get(element);
+    if (number === undefined) {
+      number = refs.base + refs.used++;
+      state.byElement.set(element, number);
+      state.byNumber.set(number, new WeakRef(element));
+    }
+    return 'e' + number;
+  };
+  const refIfAny = (element) => {
+    const number = state.byElement.get(element);
+    return number === undefined ? '' : 'e' + number;
+  };
+
+  const squash = (text) => (text || '').replace(/\s+/g, ' ').trim();
+  const clip = (text, most) => text.length > most ? text.slice(0, most - 1) + '…' : text;
+  const landmarks = new Set(['banner', 'navigation', 'main', 'complementary', 'contentinfo',
+    'search', 'form', 'region', 'dialog', 'alertdialog']);
+  const widgets = new Set(['button', 'link', 'textbox', 'searchbox', 'checkbox', 'radio',
+    'combobox', 'listbox', 'option', 'slider', 'spinbutton', 'switch', 'tab', 'menuitem',
+    'menuitemcheckbox', 'menuitemradio', 'treeitem', 'gridcell', 'scrollbar']);
+  // Roles named by their content: their text is their name and is not repeated under them.
+  const namedByContent = new Set(['button', 'link', 'heading', 'tab', 'menuitem', 'option',
+    'treeitem', 'cell', 'columnheader', 'rowheader', 'checkbox', 'radio', 'switch',
+    'menuitemcheckbox', 'menuitemradio', 'legend', 'caption', 'gridcell']);
+
+  const sectioned = (element) => !!element.parentElement &&
+    !!element.parentElement.closest('article, aside, main, nav, section');
+  const implicitRole = (element) => {
+    const tag = element.localName;
+    switch (tag) {
+      case 'a': case 'area': return element.hasAttribute('href') ? 'link' : '';
+      case 'button': return 'button';
+      case 'input': {
+        const type = (element.getAttribute('type') || 'text').toLowerCase();
+        if (type === 'hidden') return 'none';
+        if (['button', 'submit', 'reset', 'image'].includes(type)) return 'button';
+        if (type === 'checkbox') return 'checkbox';
+        if (type === 'radio') return 'radio';
+        if (type === 'range') return 'slider';
+        if (type === 'number') return 'spinbutton';
+        if (type === 'search') return element.hasAttribute('list') ? 'combobox' : 'searchbox';
+        if (['color', 'date', 'datetime-local', 'month', 'time', 'week', 'file'].includes(type))
+          return 'textbox';
+        return element.hasAttribute('list') ? 'combobox' : 'textbox';
+      }
+      case 'textarea': return 'textbox';
+      case 'select': return element.multiple || element.size > 1 ? 'listbox' : 'combobox';
+      case 'option': return 'option';
+      case 'img': return element.getAttribute('alt') === '' ? 'none' : 'img';
+      case 'svg': return element.getAttribute('aria-label') ? 'img' : '';
+      case 'h1': case 'h2': case 'h3': case 'h4': case 'h5': case 'h6': return 'heading';
+      case 'ul': case 'ol': case 'menu': return 'list';
+      case 'li': return 'listitem';
+      case 'nav': return 'navigation';
+      case 'main': return 'main';
+      case 'aside': return 'complementary';
+      case 'header': return sectioned(element) ? '' : 'banner';
+      case 'footer': return sectioned(element) ? '' : 'contentinfo';
+      case 'form': return 'form';
+      case 'search': return 'search';
+      case 'section': return 'region';
+      case 'article': return 'article';
+      case 'dialog': return 'dialog';
+      case 'table': return 'table';
+      case 'tr': return 'row';
+      case 'td': return 'cell';
+      case 'th': return element.closest('thead') || element.scope === 'col' ? 'columnheader' : 'rowheader';
+      case 'fieldset': return 'group';
+      case 'legend': return 'legend';
+      case 'caption': return 'caption';
+      case 'details': return 'group';
+      case 'summary': return 'button';
+      case 'hr': return 'separator';
+      case 'progress': return 'progressbar';
+      case 'meter': return 'meter';
+      case 'p': return 'paragraph';
+      case 'iframe': case 'frame': return 'iframe';
+      case 'video': return 'video';
+      case 'audio': return 'audio';
+      default: return '';
+    }
+  };
+  const roleOf = (element) => {
+    const explicit = (element.getAttribute('role') || '').trim().split(/\s+/)[0];
+    if (explicit && explicit !== 'generic') return explicit === 'presentation' ? 'none' : explicit;
+    const role = implicitRole(element);
+    if (role) return role;
+    if (element.isContentEditable && (!element.parentElement || !element.parentElement.isContentEditable))
+      return 'textbox';
+    return '';
+  };
+
+  const textOf = (node) => {
+    // What a person sees of an element's text: visible descendants only.
+    let out = '';
+    for (const child of node.childNodes) {
+      if (child.nodeType === Node.TEXT_NODE) out += child.data;
+      else if (child.nodeType === Node.ELEMENT_NODE && shown(child)) {
+        const tag = child.localName;
+        if (tag === 'img') out += ' ' + (child.getAttribute('alt') || '') + ' ';
+        else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child) + ' ';
+      }
+    }
+    if (node.shadowRoot) out += ' ' + textOf(node.shadowRoot);
+    return out;
+  };
+  const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
+    .map((found) => squash(found.textContent)).join(' ');
+  const nameOf = (element, role) => {
+    const labelledBy = element.getAttribute('aria-labelledby');
+    if (labelledBy) {
+      const text = byIds(labelledBy);
+      if (text) return text;
+    }
+    const label = squash(element.getAttribute('aria-label'));
+    if (label) return label;
+    const tag = element.localName;
+    if (tag === 'input' || tag === 'textarea' || tag === 'select' || tag === 'meter' || tag === 'progress') {
+      const type = (element.getAttribute('type') || '').toLowerCase();
+      if (['button', 'submit', 'reset'].includes(type))
+        return squash(element.value) || (type === 'submit' ? 'Submit' : type === 'reset' ? 'Reset' : '');
+      if (type === 'image') return squash(element.getAttribute('alt')) || 'Submit';
+      const labels = element.labels ? Array.from(element.labels).map((l) => squash(textOf(l))).join(' ') : '';
+      if (labels) return labels;
+      return squash(element.getAttribute('placeholder') || element.getAttribute('title'));
+    }
+    if (tag === 'img' || tag === 'area') return squash(element.getAttribute('alt') || element.getAttribute('title'));
+    if (tag === 'fieldset') {
+      const legend = element.querySelector(':scope > legend');
+      if (legend) return squash(textOf(legend));
+    }
+    if (tag === 'table') {
+      const caption = element.querySelector(':scope > caption');
+      if (caption) return squash(textOf(caption));
+    }
+    if (tag === 'iframe' || tag === 'frame') return squash(element.getAttribute('title') || element.getAttribute('name'));
+    if (namedByContent.has(role) || clickable(element)) {
+      const text = squash(textOf(element));
+      if (text) return text;
+    }
+    return squash(element.getAttribute('title'));
+  };
+
+  const shown = (element) => {
+    if (element.getAttribute && element.getAttribute('aria-hidden') === 'true') return false;
+    if (element.localName === 'slot' || element.localName === 'option' ||
+        element.localName === 'optgroup') return true;
+    if (element.checkVisibility) {
+      if (!element.checkVisibility({ visibilityProperty: true, opacityProperty: false })) {
+        // display: contents has no box but its children do.
+        return getComputedStyle(element).display === 'contents';
+      }
+      return true;
+    }
+    return element.getClientRects().length > 0;
+  };
+  const clickable = (element) => {
+    if (element.hasAttribute('onclick') || element.hasAttribute('onmousedown')) return true;
+    const tabindex = element.getAttribute('tabindex');
+    if (tabindex !== null && Number(tabindex) >= 0) return true;
+    if (element.isContentEditable) return true;
+    const style = getComputedStyle(element);
+    if (style.cursor === 'pointer') {
+      // Only where the pointer starts: not every child of a link or a button.
+      const parent = element.parentElement;
+      return !parent || getComputedStyle(parent).cursor !== 'pointer';
+    }
+    return false;
+  };
+  const onScreen = (element) => {
+    const box = element.getBoundingClientRect();
+    return box.bottom > 0 && box.right > 0 && box.top < innerHeight && box.left < innerWidth &&
+      (box.width > 0 || box.height > 0);
+  };
+
+  const statesOf = (element, role) => {
+    const states = [];
+    const aria = (name) => element.getAttribute('aria-' + name);
+    const tag = element.localName;
+    if (role === 'heading') {
+      const level = /^h([1-6])$/.exec(tag);
+      states.push('level=' + (level ? level[1] : aria('level') || 2));
+    }
+    if (role === 'checkbox' || role === 'radio' || role === 'switch' || role === 'menuitemcheckbox' ||
+        role === 'menuitemradio') {
+      const checked = 'checked' in element && tag === 'input' ? element.checked : aria('checked') === 'true';
+      if (checked) states.push('checked');
+      if (tag === 'input' && element.indeterminate || aria('checked') === 'mixed') states.push('mixed');
+    }
+    if (aria('pressed') === 'true') states.push('pressed');
+    if (aria('expanded') === 'true' || tag === 'details' && element.open) states.push('expanded');
+    else if (aria('expanded') === 'false') states.push('collapsed');
+    if (role === 'option' ? element.selected || aria('selected') === 'true' : aria('selected') === 'true')
+      states.push('selected');
+    if (element.disabled || aria('disabled') === 'true') states.push('disabled');
+    if (element.required || aria('required') === 'true') states.push('required');
+    if (element.readOnly && (tag === 'input' || tag === 'textarea')) states.push('readonly');
+    if (role === 'link') {
+      const href = element.getAttribute('href');
+      if (href && !href.startsWith('javascript:')) {
+        // The page's own addresses without the origin every one of them shares.
+        let shown = href;
+        try {
+          const target = new URL(href, document.baseURI);
+          if (target.origin === location.origin) shown = target.pathname + target.search + target.hash;
+        } catch (e) {
+          // Not an address: as written.
+        }
+        states.push('url=' + clip(shown, 120));
+      }
+    }
+    if (tag === 'input' || tag === 'textarea') {
+      const type = (element.getAttribute('type') || '').toLowerCase();
+      if (type === 'password') {
+        if (element.value) states.push('value=••••');
+      } else if (!['checkbox', 'radio', 'button', 'submit', 'reset', 'image', 'file'].includes(type) &&
+                 element.value) {
+        states.push('value=' + JSON.stringify(clip(element.value, 100)));
+      }
+    } else if (tag === 'select') {
+      const chosen = Array.from(element.selectedOptions || []).map((o) => squash(o.textContent));
+      if (chosen.length) states.push('value=' + JSON.stringify(clip(chosen.join(', '), 100)));
+    } else if (element.isContentEditable && role === 'textbox') {
+      const text = squash(element.innerText);
+      if (text) states.push('value=' + JSON.stringify(clip(text, 100)));
+    } else if (role === 'slider' || role === 'spinbutton' || role === 'progressbar' || role === 'meter') {
+      const now = aria('valuenow') || element.value;
+      if (now !== undefined && now !== null && now !== '') states.push('value=' + now);
+    }
+    return states;
+  };
+
+
+  // The page as lines of roles and names.
+  //   mode: "full", "interactive" (what can be acted on, with the headings and landmarks that
+  //   place it) or "viewport" (only what is on the screen).
+  const snapshot = (mode, base) => {
+    refs = { base, used: 0 };
+    // Builds the tree: {role, name, states, ref, children, text}.
+    const interactiveOnly = mode === 'interactive';
+    const viewportOnly = mode === 'viewport';
+    const childNodesOf = (node) => {
+      if (node.shadowRoot) return Array.from(node.shadowRoot.childNodes);
+      if (node.localName === 'slot') {
+        const assigned = node.assignedNodes({ flatten: true });
+        if (assigned.length) return assigned;
+      }
+      if ((node.localName === 'iframe' || node.localName === 'frame')) {
+        try {
+          const inner = node.contentDocument;
+          if (inner && inner.body) return [inner.body];
+        } catch (e) {
+          // Another origin's document: not ours to read from here.
+        }
+        return [];
+      }
+      return Array.from(node.childNodes);
+    };
+    const build = (node, out) => {
+      if (node.nodeType === Node.TEXT_NODE) {
+        const text = squash(node.data);
+        if (text && !interactiveOnly) out.push({ text });
+        return;
+      }
+      if (node.nodeType !== Node.ELEMENT_NODE && node.nodeType !== Node.DOCUMENT_FRAGMENT_NODE) return;
+      if (node.nodeType === Node.ELEMENT_NODE) {
+        const tag = node.localName;
+        if (['script', 'style', 'noscript', 'template', 'head', 'meta', 'link', 'title'].includes(tag)) return;
+        if (!shown(node)) return;
+        if (tag === 'select') {
+          // A closed dropdown: its options are what can be chosen.
+          const role = roleOf(node);
+          const item = { role, name: nameOf(node, role), states: statesOf(node, role), ref: refOf(node), children: [] };
+          if (!viewportOnly || onScreen(node)) out.push(item);
+          return;
+        }
+      }
+      const element = node.nodeType === Node.ELEMENT_NODE ? node : null;
+      let role = element ? roleOf(element) : '';
+      if (role === 'none' && element && element.localName === 'input') return;
+      if (role === 'none') role = '';
+      const scriptOnly = element && !widgets.has(role) && clickable(element);
+      if (scriptOnly && !role) role = 'clickable';
+      const actionable = element && (widgets.has(role) || scriptOnly || role === 'clickable');
+      const children = [];
+      for (const child of childNodesOf(node)) build(child, children);
+      if (!element) {
+        out.push(...children);
+        return;
+      }
+      if (viewportOnly && actionable && !onScreen(element)) {
+        out.push(...children.filter((c) => !c.text));
+        return;
+      }
+      const name = role ? nameOf(element, role) : '';
+      let keep;
+      if (actionable) keep = true;
+      else if (!role) keep = false;
+      else if (landmarks.has(role)) keep = (role !== 'form' && role !== 'region') || !!name;
+      else if (interactiveOnly) keep = role === 'heading';
+      else if (role === 'paragraph' || role === 'listitem') keep = false;
+      else keep = true;
+      if (!keep) {
+        if (role === 'img' && name && !interactiveOnly) out.push({ text: '[image] ' + clip(name, 100) });
+        else if ((role === 'paragraph' || role === 'listitem') && !interactiveOnly) {
+          const texts = children.map((c) => c.text).filter(Boolean).join(' ');
+          if (texts) out.push({ text: (role === 'listitem' ? '• ' : '') + texts });
+          else out.push(...children);
+        } else {
+          out.push(...children);
+        }
+        return;
+      }
+      const item = { role, name: clip(name, 150), states: statesOf(element, role), children };
+      if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') item.ref = refOf(element);
+      // A name taken from the content says all its text: the text is not repeated under it.
+      if (name && (namedByContent.has(role) || role === 'clickable')) {
+        item.children = children.filter((c) => !c.text || !name.includes(c.text));
+      }
+      if (interactiveOnly && !actionable && !landmarks.has(role) && role !== 'heading' &&
+          role !== 'dialog') {
+        out.push(...item.children);
+        return;
+      }
+      if (interactiveOnly && landmarks.has(role) && item.children.length === 0) return;
+      out.push(item);
+    };
+    const root = [];
+    build(document.body || document.documentElement, root);
+
+    // Writes the tree; consecutive texts are joined, and a text said just before is not said again.
+    const lines = [];
+    let lastText = '';
+    const write = (items, depth) => {
+      const pad = '  '.repeat(depth);
+      let pending = [];
+      const flush = () => {
+        if (!pending.length) return;
+        const text = clip(squash(pending.join(' ')), 500);
+        if (text && text !== lastText) lines.push(pad + '- text: ' + text);
+        lastText = text;
+        pending = [];
+      };
+      for (const item of items) {
+        if (item.text !== undefined) {
+          pending.push(item.text);
+          continue;
+        }
+        flush();
+        let line = pad + '- ' + item.role;
+        if (item.name) line += ' ' + JSON.stringify(item.name);
+        for (const state of item.states) line += ' [' + state + ']';
+        if (item.ref) line += ' [ref=' + item.ref + ']';
+        lines.push(line);
+        lastText = item.name;
+        write(item.children, depth + 1);
+      }
+      flush();
+    };
+    write(root, 0);
+    return { text: lines.join('\n'), used: refs.used };
+  };
+
+  // One line for an element, as the snapshot would show it: role "name" [ref=eN].
+  const label = (element) => {
+    const role = roleOf(element) || (clickable(element) ? 'clickable' : element.localName);
+    const fields = ['textbox', 'searchbox', 'combobox', 'listbox', 'slider', 'spinbutton'];
+    const name = clip(nameOf(element, role) || (fields.includes(role) ? '' : squash(textOf(element))), 60);
+    const ref = refIfAny(element);
+    return role + (name ? ' ' + JSON.stringify(name) : '') + (ref ? ' [ref=' + ref + ']' : '');
+  };
+  const element = (number) => {
+    const weak = state.byNumber.get(number);
+    const found = weak && weak.deref();
+    return found && found.isConnected ? found : null;
+  };
+  const within = (outer, inner) => {
+    for (let node = inner; node; node = node.parentNode || node.host) if (node === outer) return true;
+    return false;
+  };
+  // Where to act on an element: scrolled into view, its centre in the top page's CSS px, and
+  // what would take the pointer there instead of it.
+  const target = (number) => {
+    const found = element(number);
+    if (!found) return { gone: true };
+    found.scrollIntoView({ block: 'center', inline: 'center', behavior: 'instant' });
+    const box = found.getBoundingClientRect();
+    const result = { label: label(found) };
+    if (!shown(found) || (box.width === 0 && box.height === 0)) return { ...result, hidden: true };
+    if (found.disabled || found.getAttribute('aria-disabled') === 'true') result.disabled = true;
+    let x = box.left + box.width / 2;
+    let y = box.top + box.height / 2;
+    let hit = found.ownerDocument.elementFromPoint(x, y);
+    while (hit && hit.shadowRoot) {
+      const inner = hit.shadowRoot.elementFromPoint(x, y);
+      if (!inner || inner === hit) break;
+      hit = inner;
+    }
+    const labelFor = hit && hit.closest && hit.closest('label');
+    if (hit && !within(found, hit) && !(labelFor && labelFor.control === found)) {
+      let over = hit;
+      while (over && over.parentElement && !roleOf(over) && !clickable(over)) over = over.parentElement;
+      result.covered = label(over || hit);
+    }
+    for (let view = found.ownerDocument.defaultView; view && view !== window && view.frameElement;) {
+      const frame = view.frameElement;
+      const frameBox = frame.getBoundingClientRect();
+      x += frameBox.left + frame.clientLeft;
+      y += frameBox.top + frame.clientTop;
+      view = frame.ownerDocument.defaultView;
+    }
+    return { ...result, x, y };
+  };
+  // Puts the caret in a field for typing: at the end, or over all of it to type it anew.
+  const focusForTyping = (number, replace) => {
+    const found = element(number);
+    if (!found) return { gone: true };
+    found.focus();
+    const field = found.localName === 'input' || found.localName === 'textarea';
+    if (field && typeof found.setSelectionRange === 'function') {
+      try {
+        if (replace) found.select();
+        else found.setSelectionRange(found.value.length, found.value.length);
+      } catch (e) {
+        // Fields such as email have no selection to set.
+        if (replace) found.select();
+      }
+    } else if (found.isContentEditable) {
+      const range = found.ownerDocument.createRange();
+      range.selectNodeContents(found);
+      if (!replace) range.collapse(false);
+      const selection = found.ownerDocument.getSelection();
+      selection.removeAllRanges();
+      selection.addRange(range);
+    }
+    return { label: label(found) };
+  };
+  // Picks an option of a select by its text or value.
+  const choose = (number, wanted) => {
+    const found = element(number);
+    if (!found) return { gone: true };
+    if (found.localName !== 'select')
+      return { error: label(found) + ' is not a dropdown (a select): click it, then the option' };
+    const options = Array.from(found.options);
+    const plain = (text) => squash(text).toLowerCase();
+    const option = options.find((o) => squash(o.textContent) === wanted) ||
+      options.find((o) => o.value === wanted) ||
+      options.find((o) => plain(o.textContent) === plain(wanted)) ||
+      options.find((o) => plain(o.textContent).includes(plain(wanted)));
+    if (!option)
+      return { error: 'no option ' + JSON.stringify(wanted) + ' in ' + label(found) + ': ' +
+        options.map((o) => JSON.stringify(squash(o.textContent))).join(', ') };
+    if (option.disabled) return { error: 'the option ' + JSON.stringify(squash(option.textContent)) + ' is disabled' };
+    found.focus();
+    found.value = option.value;
+    option.selected = true;
+    found.dispatchEvent(new Event('input', { bubbles: true }));
+    found.dispatchEvent(new Event('change', { bubbles: true }));
+    return { label: label(found), chosen: squash(option.textContent) };
+  };
+  // What on the page says `text`: the smallest elements that say it, what can be acted on first.
+  const find = (text, base) => {
+    refs = { base, used: 0 };
+    const wanted = squash(text).toLowerCase();
+    if (!wanted) return { text: 'nothing to find', used: 0 };
+    const matches = [];
+    const visit = (root) => {
+      for (const candidate of root.querySelectorAll('*')) {
+        if (candidate.shadowRoot) visit(candidate.shadowRoot);
+        const role = roleOf(candidate);
+        const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
+          ' ' + (candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ? candidate.textContent : '');
+        if (!said.toLowerCase().includes(wanted)) continue;
+        if (['script', 'style', 'noscript', 'template', 'title', 'head'].includes(candidate.localName)) continue;
+        if (!shown(candidate)) continue;
+        matches.push(candidate);
+      }
+    };
+    visit(document);
+    const actionable = (candidate) => widgets.has(roleOf(candidate)) || clickable(candidate);
+    const kept = matches.filter((candidate) => {
+      // Text inside a button or link is that button or link.
+      for (let up = candidate.parentElement; up; up = up.parentElement)
+        if (matches.includes(up) && actionable(up) && !actionable(candidate)) return false;
+      return true;
+    });
+    kept.sort((a, b) => (actionable(b) - actionable(a)) ||
+      (squash(a.textContent).length - squash(b.textContent).length));
+    const lines = kept.slice(0, 20).map((candidate) => {
+      refOf(candidate);
+      const role = roleOf(candidate);
+      const states = role ? statesOf(candidate, role) : [];
+      return '- ' + label(candidate).replace(/ \[ref=/, states.map((s) => ' [' + s + ']').join('') + ' [ref=');
+    });
+    if (kept.length > 20) lines.push(`(and ${kept.length - 20} more: say more of the text)`);
+    return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used };
+  };
+  const usualStyles = ['display', 'position', 'top', 'left', 'width', 'height', 'margin', 'padding',
+    'border', 'color', 'background-color', 'font-family', 'font-size', 'font-weight', 'line-height',
+    'text-align', 'visibility', 'opacity', 'z-index', 'overflow', 'cursor', 'pointer-events'];
+  const inspect = (number, styles) => {
+    const found = element(number);
+    if (!found) return { gone: true };
+    const box = found.getBoundingClientRect();
+    const attributes = {};
+    for (const attribute of found.attributes) attributes[attribute.name] = clip(attribute.value, 300);
+    const names = styles ? styles.split(',').map((s) => s.trim()).filter(Boolean) : usualStyles;
+    const computed = getComputedStyle(found);
+    const style = {};
+    for (const name of names) style[name] = computed.getPropertyValue(name);
+    return { element: { tag: found.localName, ref: 'e' + number, attributes,
+      box: { x: Math.round(box.left + scrollX), y: Math.round(box.top + scrollY),
+        width: Math.round(box.width), height: Math.round(box.height) }, style } };
+  };
+  // Counts changes to the document between watch() and changes().
+  let mutations = 0;
+  let observer = null;
+  const watch = () => {
+    if (!observer) {
+      observer = new MutationObserver((records) => { mutations += records.length; });
+      observer.observe(document, { subtree: true, childList: true, attributes: true, characterData: true });
+    }
+    observer.takeRecords();
+    mutations = 0;
+    return true;
+  };
+  const changes = () => (observer ? mutations + observer.takeRecords().length : 0);
+  const scrolled = () => {
+    const scroller = document.scrollingElement || document.documentElement;
+    return { x: Math.round(scrollX), y: Math.round(scrollY),
+      most: Math.max(0, Math.round((scroller ? scroller.scrollHeight : 0) - innerHeight)) };
+  };
+
+  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
+    scrolled, label, element };
+})()
