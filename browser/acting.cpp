@@ -287,8 +287,13 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
     }
   }
   if (navigating) {
-    uint64_t loadsBefore = before.loads;
-    bool loaded = awaitChange(tab, loadsBefore, ~uint64_t(0), Clock::now() + settings.loadTime);
+    bool loaded;
+    {
+      std::unique_lock<std::mutex> guard(tab->lock);
+      loaded = tab->changed.wait_until(guard, Clock::now() + settings.loadTime, [&] {
+        return tab->loads != before.loads || tab->gone || tab->crashed || tab->dialog;
+      });
+    }
     {
       std::lock_guard<std::mutex> guard(tab->lock);
       if (tab->dialog) return answer + "; a dialog opened: " + tab->dialog->value("type", "alert") +

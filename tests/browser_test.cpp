@@ -1,223 +1,27 @@
 // tests/browser_test.cpp: nurel and nurel mcp against the real back end and real Chromium, on
-// pages served on 127.0.0.1. The tests share one back end (started through the bundle, as a
-// person's first command starts it), each in tabs of its own; the ones that stop, kill or
-// starve a back end run one of their own.
+// pages served on 127.0.0.1: starting it, loading pages, reading them, and how it holds up.
+// The tests share one back end (started through the bundle, as a person's first command
+// starts it), each in tabs of its own; the ones that stop, kill or starve a back end run one of
+// their own.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <optional>
 #include <regex>
-#include <thread>
 
 #include "link/json.h"
-#include "tests/fake_browser.h"
-#include "tests/http_server.h"
-#include "tests/run_nurel.h"
+#include "tests/browser_fixture.h"
 #include "tests/session.h"
 
 namespace nurel::testing {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string repeatText(const std::string& paragraph, int times) {
-  std::string out;
-  for (int i = 0; i < times; ++i) out += "<p>" + paragraph + " " + std::to_string(i) + ".</p>\n";
-  return out;
-}
-
-Response page(const std::string& path) {
-  Response r;
-  std::string bare = path.substr(0, path.find('?'));
-  if (bare == "/") {
-    r.body = "<title>Home</title><h1>Welcome home</h1><a href=/second>Second</a>";
-  } else if (bare == "/second") {
-    r.body = "<title>Second</title><p>The second page</p>";
-  } else if (bare == "/never") {
-    r.hang = true;
-  } else if (bare == "/slow") {
-    r.delayMilliseconds = 1500;
-    r.type = "text/plain";
-    r.body = "slow";
-  } else if (bare == "/busy") {
-    r.body = "<title>Busy</title><script>fetch('/slow').then((r) => r.text())</script><p>busy</p>";
-  } else if (bare == "/long") {
-    r.body = "<title>Long</title><article><h1>A long story</h1>" +
-             repeatText("Once upon a time there was a page that went on and on, line after line",
-                        400) +
-             "</article>";
-  } else if (bare == "/article") {
-    r.body = "<title>News</title><nav><a href=/>Home</a> <a href=/second>Menu item</a></nav>"
-             "<article><h1>The headline</h1>" +
-             repeatText("A sentence of the article, long enough to count as prose for a reader", 12) +
-             "<ul><li>First point</li><li>Second point</li></ul></article>"
-             "<footer>Copyright footer</footer>";
-  } else if (bare == "/tall") {
-    r.body = "<title>Tall</title><body style='margin:0'><div style='height:3000px;"
-             "background:linear-gradient(red,blue)'>top</div></body>";
-  } else if (bare == "/later") {
-    r.body = "<title>Later</title><p id=old>Loading…</p><script>setTimeout(() => {"
-             "document.getElementById('old').remove();"
-             "document.body.insertAdjacentHTML('beforeend', '<p>Ready now</p>');"
-             "history.pushState({}, '', '/later?step=2'); }, 600)</script>";
-  } else if (bare == "/outline") {
-    r.body = "<html lang=en><title>Outline</title><header>Top</header><nav aria-label=Main>"
-             "<a href=/>One</a><a href=/second>Two</a></nav><main><h1>Heading one</h1>"
-             "<h2>Heading two</h2><form aria-label=Search><input name=q autofocus>"
-             "<button>Go</button></form></main><footer>Bottom</footer></html>";
-  } else if (bare == "/missing") {
-    r.status = 404;
-    r.body = "<title>Not here</title><p>Nothing here</p>";
-  } else {
-    r.status = 404;
-    r.body = "no such page";
-  }
-  return r;
-}
-
-// Width and height of a PNG, from its header.
-std::pair<uint32_t, uint32_t> pngSize(const std::string& png) {
-  if (png.size() < 24 || png.compare(1, 3, "PNG") != 0) return {0, 0};
-  auto word = [&](size_t at) {
-    return uint32_t(uint8_t(png[at])) << 24 | uint32_t(uint8_t(png[at + 1])) << 16 |
-           uint32_t(uint8_t(png[at + 2])) << 8 | uint32_t(uint8_t(png[at + 3]));
-  };
-  return {word(16), word(20)};
-}
-
-std::string readWhole(int fd) {
-  std::string out;
-  char block[4096];
-  for (;;) {
-    ssize_t got = read(fd, block, sizeof block);
-    if (got <= 0) return out;
-    out.append(block, size_t(got));
-  }
-}
-
-std::string fileText(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// The processes of a back end: nurel-browser serving `socket`, and its Chromium.
-pid_t backEnd(const std::string& socket) {
-  std::string wanted = "NUREL_SOCKET=" + socket;
-  for (auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::error_code error;
-    auto exe = std::filesystem::read_symlink(entry.path() / "exe", error);
-    if (error || exe.filename() != "nurel-browser") continue;
-    std::string environment = fileText(entry.path() / "environ");
-    for (size_t start = 0; start < environment.size();) {
-      size_t end = environment.find('\0', start);
-      if (end == std::string::npos) end = environment.size();
-      if (environment.compare(start, end - start, wanted) == 0) return std::stoi(name);
-      start = end + 1;
-    }
-  }
-  return -1;
-}
-
-pid_t chromiumOf(pid_t backEndPid) {
-  for (auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string stat = fileText(entry.path() / "stat");
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos) continue;
-    int parent = 0;
-    char state;
-    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) != 2) continue;
-    if (parent != backEndPid) continue;
-    if (fileText(entry.path() / "cmdline").find("--remote-debugging-pipe") != std::string::npos)
-      return std::stoi(name);
-  }
-  return -1;
-}
-
-bool alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0 && fileText("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos; }
-
-// Waits for a condition up to `most` (a hang guard, not a speed test).
-template <class Condition>
-bool eventually(Condition condition, std::chrono::milliseconds most = 20s) {
-  auto end = std::chrono::steady_clock::now() + most;
-  while (std::chrono::steady_clock::now() < end) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(50ms);
-  }
-  return condition();
-}
-
-// A back end: a socket, a data folder, and the environment nurel starts it with.
-using Env = std::map<std::string, std::optional<std::string>>;
-
-class BackEnd {
- public:
-  explicit BackEnd(const Env& extra = {}) {
-    options.env = {{"NUREL_SOCKET", socket()},
-                   {"XDG_DATA_HOME", dir.file("data")},
-                   {"NUREL_TIMEOUT", "5"},
-                   {"NUREL_IDLE_MINUTES", "10"},
-                   {"NUREL_HEADED", std::nullopt},
-                   {"NUREL_ALLOW_FILES", dir.file("allowed")}};
-    for (auto& [name, value] : extra) options.env[name] = value;
-    options.timeoutSeconds = 90;
-    std::filesystem::create_directories(dir.file("allowed"));
-  }
-  ~BackEnd() {
-    if (pid_t pid = backEnd(socket()); pid > 0) {
-      kill(pid, SIGTERM);
-      eventually([&] { return !alive(pid); }, 10s);
-    }
-  }
-  std::string socket() const { return dir.file("run/agent.sock"); }
-  std::string file(const std::string& name) const { return dir.file(name); }
-
-  Outcome nurel(const std::vector<std::string>& arguments) const {
-    return runProgram(NUREL_BUNDLED, arguments, options);
-  }
-  // The tab id that `open` answered (its first word).
-  std::string open(const std::string& url) const {
-    Outcome opened = nurel({"open", url});
-    EXPECT_EQ(opened.status, 0) << opened.err;
-    return opened.out.substr(0, opened.out.find(' '));
-  }
-
-  RunOptions options;
-
- private:
-  TempDir dir;
-};
-
-HttpServer* server = nullptr;
-BackEnd* shared = nullptr;
-
-class Shared : public ::testing::Environment {
- public:
-  void SetUp() override {
-    server = new HttpServer(page);
-    shared = new BackEnd();
-  }
-  void TearDown() override {
-    delete shared;
-    delete server;
-  }
-};
-
-const auto* environment = ::testing::AddGlobalTestEnvironment(new Shared);
-
-std::string url(const std::string& path) { return server->url(path); }
 
 TEST(Browser, StartsThroughTheBundleWhenNothingAnswers) {
   BackEnd place;
@@ -235,71 +39,71 @@ TEST(Browser, StartsThroughTheBundleWhenNothingAnswers) {
 }
 
 TEST(Browser, OpensNavigatesGoesBackAndForwardReloadsAndCloses) {
-  std::string tab = shared->open(url("/"));
+  std::string tab = shared().open(url("/"));
   ASSERT_EQ(tab.front(), 't');
-  EXPECT_EQ(shared->nurel({"navigate", tab, url("/second")}).out,
+  EXPECT_EQ(shared().nurel({"navigate", tab, url("/second")}).out,
             tab + " " + url("/second") + " \"Second\"\n");
-  EXPECT_EQ(shared->nurel({"back", tab}).out, tab + " " + url("/") + " \"Home\"\n");
-  EXPECT_EQ(shared->nurel({"forward", tab}).out, tab + " " + url("/second") + " \"Second\"\n");
-  EXPECT_EQ(shared->nurel({"reload", tab, "--hard"}).out, tab + " " + url("/second") + " \"Second\"\n");
-  EXPECT_NE(shared->nurel({"tabs"}).out.find(tab + " " + url("/second") + " \"Second\"\n"),
+  EXPECT_EQ(shared().nurel({"back", tab}).out, tab + " " + url("/") + " \"Home\"\n");
+  EXPECT_EQ(shared().nurel({"forward", tab}).out, tab + " " + url("/second") + " \"Second\"\n");
+  EXPECT_EQ(shared().nurel({"reload", tab, "--hard"}).out, tab + " " + url("/second") + " \"Second\"\n");
+  EXPECT_NE(shared().nurel({"tabs"}).out.find(tab + " " + url("/second") + " \"Second\"\n"),
             std::string::npos);
-  EXPECT_EQ(shared->nurel({"close", tab}).out, "closed " + tab + "\n");
-  Outcome again = shared->nurel({"text", tab});
+  EXPECT_EQ(shared().nurel({"close", tab}).out, "closed " + tab + "\n");
+  Outcome again = shared().nurel({"text", tab});
   EXPECT_EQ(again.status, 1);
   EXPECT_EQ(again.err, "no tab " + tab + "\n");
-  EXPECT_EQ(shared->nurel({"tabs"}).out.find(tab + " "), std::string::npos);
+  EXPECT_EQ(shared().nurel({"tabs"}).out.find(tab + " "), std::string::npos);
 }
 
 TEST(Browser, NoHistoryToGoThrough) {
-  std::string tab = shared->open(url("/"));
-  Outcome back = shared->nurel({"back", tab});
+  std::string tab = shared().open(url("/"));
+  Outcome back = shared().nurel({"back", tab});
   EXPECT_EQ(back.status, 1);
   EXPECT_EQ(back.err, tab + " has no earlier page\n");
-  Outcome forward = shared->nurel({"forward", tab});
+  Outcome forward = shared().nurel({"forward", tab});
   EXPECT_EQ(forward.err, tab + " has no later page\n");
 }
 
 TEST(Browser, AnAddressThatRefusesFailsAndLeavesNoTab) {
   std::string address = "http://127.0.0.1:" + std::to_string(closedPort()) + "/";
-  std::string before = shared->nurel({"tabs"}).out;
-  Outcome opened = shared->nurel({"open", address});
+  std::string before = shared().nurel({"tabs"}).out;
+  Outcome opened = shared().nurel({"open", address});
   EXPECT_EQ(opened.status, 1);
   EXPECT_EQ(opened.out, "");
   EXPECT_EQ(opened.err, "couldn't load " + address + ": net::ERR_CONNECTION_REFUSED\n");
-  EXPECT_EQ(shared->nurel({"tabs"}).out, before);
+  EXPECT_EQ(shared().nurel({"tabs"}).out, before);
 }
 
 TEST(Browser, AnHTTPErrorIsNamed) {
-  Outcome opened = shared->nurel({"open", url("/missing")});
+  Outcome opened = shared().nurel({"open", url("/missing")});
   EXPECT_EQ(opened.status, 0);
   EXPECT_NE(opened.out.find(url("/missing") + " \"Not here\" (HTTP 404)\n"), std::string::npos);
 }
 
 TEST(Browser, APageThatNeverLoadsLeavesAUsableTab) {
-  Outcome opened = shared->nurel({"open", url("/never")});
+  Outcome opened = shared().nurel({"open", url("/never")});
   EXPECT_EQ(opened.status, 0) << opened.err;
   EXPECT_NE(opened.out.find("(still loading " + url("/never") + " after 5 s)"), std::string::npos)
       << opened.out;
   std::string tab = opened.out.substr(0, opened.out.find(' '));
-  EXPECT_EQ(shared->nurel({"navigate", tab, url("/second")}).status, 0);
-  EXPECT_EQ(shared->nurel({"eval", tab, "return document.title"}).out, "Second\n");
+  EXPECT_EQ(shared().nurel({"navigate", tab, url("/second")}).status, 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return document.title"}).out, "Second\n");
 }
 
 TEST(Browser, TextIsTheArticleCutAtTwentyThousandCharacters) {
-  std::string tab = shared->open(url("/article"));
-  Outcome article = shared->nurel({"text", tab});
+  std::string tab = shared().open(url("/article"));
+  Outcome article = shared().nurel({"text", tab});
   EXPECT_EQ(article.status, 0);
   EXPECT_EQ(article.out.rfind("# News\n\n", 0), 0u) << article.out;
   EXPECT_NE(article.out.find("# The headline"), std::string::npos);
   EXPECT_NE(article.out.find("- First point\n- Second point"), std::string::npos) << article.out;
   EXPECT_EQ(article.out.find("Copyright footer"), std::string::npos);
-  Outcome all = shared->nurel({"text", tab, "--all"});
+  Outcome all = shared().nurel({"text", tab, "--all"});
   EXPECT_NE(all.out.find("Copyright footer"), std::string::npos);
   EXPECT_NE(all.out.find("Menu item"), std::string::npos);
 
-  std::string longTab = shared->open(url("/long"));
-  Outcome cut = shared->nurel({"text", longTab});
+  std::string longTab = shared().open(url("/long"));
+  Outcome cut = shared().nurel({"text", longTab});
   std::smatch note;
   ASSERT_TRUE(std::regex_search(cut.out, note,
                                 std::regex("\n\n\\[cut at 20000 of ([0-9]+) characters: save it "
@@ -308,74 +112,74 @@ TEST(Browser, TextIsTheArticleCutAtTwentyThousandCharacters) {
   size_t total = std::stoul(note[1]);
   EXPECT_GT(total, 20000u);
   EXPECT_EQ(cut.out.size(), 20000 + note[0].length());  // ASCII: a byte a character
-  Outcome saved = shared->nurel({"text", longTab, "--file", shared->file("long.txt")});
+  Outcome saved = shared().nurel({"text", longTab, "--file", shared().file("long.txt")});
   EXPECT_EQ(saved.status, 0) << saved.err;
-  std::string whole = fileText(shared->file("long.txt"));
+  std::string whole = fileText(shared().file("long.txt"));
   EXPECT_EQ(whole.size(), total + 1);  // and the line feed that saving adds
   EXPECT_EQ(whole.find("[cut at"), std::string::npos);
 }
 
 TEST(Browser, EvalRunsAFunctionBodyAndSurvivesThrowsAndHangs) {
-  std::string tab = shared->open(url("/"));
-  EXPECT_EQ(shared->nurel({"eval", tab, "const a = await Promise.resolve(20); return {sum: a + 1, t: document.title}"}).out,
+  std::string tab = shared().open(url("/"));
+  EXPECT_EQ(shared().nurel({"eval", tab, "const a = await Promise.resolve(20); return {sum: a + 1, t: document.title}"}).out,
             "{\n  \"sum\": 21,\n  \"t\": \"Home\"\n}\n");
-  EXPECT_EQ(shared->nurel({"eval", tab, "document.title = 'x'"}).out, "null\n");
-  Outcome thrown = shared->nurel({"eval", tab, "throw new Error('boom')"});
+  EXPECT_EQ(shared().nurel({"eval", tab, "document.title = 'x'"}).out, "null\n");
+  Outcome thrown = shared().nurel({"eval", tab, "throw new Error('boom')"});
   EXPECT_EQ(thrown.status, 1);
   EXPECT_EQ(thrown.err, "the script threw Error: boom\n");
-  Outcome waiting = shared->nurel({"eval", tab, "await new Promise(() => {})"});
+  Outcome waiting = shared().nurel({"eval", tab, "await new Promise(() => {})"});
   EXPECT_EQ(waiting.err, "the script didn't finish in 5 s, and was stopped\n");
-  Outcome looping = shared->nurel({"eval", tab, "while (true) {}"});
+  Outcome looping = shared().nurel({"eval", tab, "while (true) {}"});
   EXPECT_EQ(looping.err, "the script didn't finish in 5 s, and was stopped\n");
-  EXPECT_EQ(shared->nurel({"eval", tab, "return 6 * 7"}).out, "42\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return 6 * 7"}).out, "42\n");
 }
 
 TEST(Browser, WaitsForEachConditionAndSaysWhatDidNotHappen) {
-  std::string tab = shared->open(url("/later"));
-  Outcome shown = shared->nurel({"wait", tab, "--text", "Ready now"});
+  std::string tab = shared().open(url("/later"));
+  Outcome shown = shared().nurel({"wait", tab, "--text", "Ready now"});
   EXPECT_EQ(shown.status, 0) << shown.err;
   EXPECT_EQ(shown.out.rfind("the text \"Ready now\" showed (after ", 0), 0u) << shown.out;
-  EXPECT_EQ(shared->nurel({"wait", tab, "--gone", "Loading"}).out.rfind("the text \"Loading\" went away", 0), 0u);
-  EXPECT_EQ(shared->nurel({"wait", tab, "--url", "step=2"}).out.rfind("the address is " + url("/later?step=2"), 0), 0u);
-  Outcome missing = shared->nurel({"wait", tab, "--text", "Never there", "--timeout", "1"});
+  EXPECT_EQ(shared().nurel({"wait", tab, "--gone", "Loading"}).out.rfind("the text \"Loading\" went away", 0), 0u);
+  EXPECT_EQ(shared().nurel({"wait", tab, "--url", "step=2"}).out.rfind("the address is " + url("/later?step=2"), 0), 0u);
+  Outcome missing = shared().nurel({"wait", tab, "--text", "Never there", "--timeout", "1"});
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.err, "waited 1.0 s and the text \"Never there\" didn't show\n");
-  Outcome address = shared->nurel({"wait", tab, "--url", "elsewhere", "--timeout", "0.5"});
+  Outcome address = shared().nurel({"wait", tab, "--url", "elsewhere", "--timeout", "0.5"});
   EXPECT_EQ(address.err, "waited 0.5 s and the address didn't contain \"elsewhere\" (it's " +
                              url("/later?step=2") + ")\n");
-  EXPECT_EQ(shared->nurel({"wait", tab, "--seconds", "1"}).out, "waited 1.0 s\n");
-  Outcome number = shared->nurel({"wait", tab, "--seconds", "soon"});
+  EXPECT_EQ(shared().nurel({"wait", tab, "--seconds", "1"}).out, "waited 1.0 s\n");
+  Outcome number = shared().nurel({"wait", tab, "--seconds", "soon"});
   EXPECT_EQ(number.err, "seconds takes a number\n");
 
-  std::string busy = shared->open(url("/busy"));
-  Outcome loud = shared->nurel({"wait", busy, "--idle", "--timeout", "0.3"});
+  std::string busy = shared().open(url("/busy"));
+  Outcome loud = shared().nurel({"wait", busy, "--idle", "--timeout", "0.3"});
   EXPECT_EQ(loud.status, 1);
   EXPECT_EQ(loud.err.rfind("waited 0.3 s and the network didn't go quiet", 0), 0u) << loud.err;
-  Outcome quiet = shared->nurel({"wait", busy, "--idle"});
+  Outcome quiet = shared().nurel({"wait", busy, "--idle"});
   EXPECT_EQ(quiet.status, 0) << quiet.err << quiet.out;
   EXPECT_EQ(quiet.out.rfind("the network is quiet (after ", 0), 0u);
 }
 
 TEST(Browser, ScreenshotsOfTheScreenAndOfTheWholePage) {
-  std::string tab = shared->open(url("/tall"));
-  ASSERT_EQ(shared->nurel({"screenshot", tab, "--plain", "--file", shared->file("screen.png")}).status, 0);
-  auto [width, height] = pngSize(fileText(shared->file("screen.png")));
+  std::string tab = shared().open(url("/tall"));
+  ASSERT_EQ(shared().nurel({"screenshot", tab, "--plain", "--file", shared().file("screen.png")}).status, 0);
+  auto [width, height] = pngSize(fileText(shared().file("screen.png")));
   EXPECT_EQ(width, 1280u);
   EXPECT_GT(height, 400u);
   EXPECT_LT(height, 3000u);
-  Outcome full = shared->nurel({"screenshot", tab, "--full", "--file", shared->file("full.png")});
-  EXPECT_EQ(full.out, "saved to " + shared->file("full.png") + "\n");
-  auto [fullWidth, fullHeight] = pngSize(fileText(shared->file("full.png")));
+  Outcome full = shared().nurel({"screenshot", tab, "--full", "--file", shared().file("full.png")});
+  EXPECT_EQ(full.out, "saved to " + shared().file("full.png") + "\n");
+  auto [fullWidth, fullHeight] = pngSize(fileText(shared().file("full.png")));
   EXPECT_EQ(fullWidth, 1280u);
   EXPECT_EQ(fullHeight, 3000u);
-  Outcome pdf = shared->nurel({"pdf", tab, "--file", shared->file("page.pdf")});
+  Outcome pdf = shared().nurel({"pdf", tab, "--file", shared().file("page.pdf")});
   EXPECT_EQ(pdf.status, 0) << pdf.err;
-  EXPECT_EQ(fileText(shared->file("page.pdf")).rfind("%PDF-", 0), 0u);
+  EXPECT_EQ(fileText(shared().file("page.pdf")).rfind("%PDF-", 0), 0u);
 }
 
 TEST(Browser, DescribesThePageInBrief) {
-  std::string tab = shared->open(url("/outline"));
-  Outcome described = shared->nurel({"describe", tab});
+  std::string tab = shared().open(url("/outline"));
+  Outcome described = shared().nurel({"describe", tab});
   std::string expected = "title: \"Outline\"\naddress: " + url("/outline") +
                          "\nlanguage: en\n2 links, 1 buttons, 1 fields\n"
                          "regions: banner, navigation \"Main\", main, form \"Search\", contentinfo\n"
@@ -385,20 +189,20 @@ TEST(Browser, DescribesThePageInBrief) {
 }
 
 TEST(Browser, ALongWaitOnOneConnectionHoldsUpNoOther) {
-  std::string tab = shared->open(url("/"));
+  std::string tab = shared().open(url("/"));
   std::vector<std::string> words = {NUREL_BUNDLED, "wait", tab, "--seconds", "4"};
   pid_t waiter = fork();
   if (waiter == 0) {
-    setenv("NUREL_SOCKET", shared->socket().c_str(), 1);
+    setenv("NUREL_SOCKET", shared().socket().c_str(), 1);
     int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     execl(NUREL_BUNDLED, NUREL_BUNDLED, "wait", tab.c_str(), "--seconds", "4", nullptr);
     _exit(127);
   }
   std::this_thread::sleep_for(300ms);
-  Outcome listed = shared->nurel({"tabs"});
+  Outcome listed = shared().nurel({"tabs"});
   EXPECT_EQ(listed.status, 0);
-  Outcome evaluated = shared->nurel({"eval", tab, "return 1"});
+  Outcome evaluated = shared().nurel({"eval", tab, "return 1"});
   EXPECT_EQ(evaluated.out, "1\n");
   // Both answered while the wait still runs.
   EXPECT_EQ(waitpid(waiter, nullptr, WNOHANG), 0);
@@ -407,25 +211,13 @@ TEST(Browser, ALongWaitOnOneConnectionHoldsUpNoOther) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-int connectTo(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
-  shared->nurel({"tabs"});
-  int fd = connectTo(shared->socket());
+  shared().nurel({"tabs"});
+  int fd = connectTo(shared().socket());
   ASSERT_GE(fd, 0);
   std::string lines =
       "not json\n[1,2]\n\n{\"id\":5}\n{\"id\":\"six\",\"method\":\"fly\"}\n"
-      "{\"id\":7,\"method\":\"snapshot\",\"params\":{\"tab\":\"t1\"}}\n"
+      "{\"id\":7,\"method\":\"storage\",\"params\":{\"tab\":\"t1\"}}\n"
       "{\"id\":8,\"method\":\"open\",\"params\":{\"url\":\"file:///etc/passwd\"}}\n"
       "{\"id\":9,\"method\":\"hello\",\"params\":[]}\n";
   ASSERT_EQ(write(fd, lines.data(), lines.size()), ssize_t(lines.size()));
@@ -435,15 +227,15 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   EXPECT_EQ(replies,
             "{\"error\":\"the request has no method\",\"id\":5}\n"
             "{\"error\":\"unknown method fly\",\"id\":\"six\"}\n"
-            "{\"error\":\"snapshot isn't available in this browser yet\",\"id\":7}\n"
+            "{\"error\":\"storage isn't available in this browser yet\",\"id\":7}\n"
             "{\"error\":\"won't open file:///etc/passwd: it isn't under a folder of "
             "NUREL_ALLOW_FILES\",\"id\":8}\n"
             "{\"id\":9,\"result\":{\"name\":\"nurel-browser\",\"version\":\"1\"}}\n");
 }
 
 TEST(Browser, ALineOverSixtyFourMiBClosesOnlyItsConnection) {
-  shared->nurel({"tabs"});
-  int fd = connectTo(shared->socket());
+  shared().nurel({"tabs"});
+  int fd = connectTo(shared().socket());
   ASSERT_GE(fd, 0);
   std::string block(1 << 20, 'x');
   bool closed = false;
@@ -454,25 +246,25 @@ TEST(Browser, ALineOverSixtyFourMiBClosesOnlyItsConnection) {
     EXPECT_EQ(readWhole(fd), "");
   }
   close(fd);
-  EXPECT_EQ(shared->nurel({"hello"}).status, 0);
+  EXPECT_EQ(shared().nurel({"hello"}).status, 0);
 }
 
 TEST(Browser, ConnectionsFromAnotherUserAreClosed) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
-  shared->nurel({"tabs"});
+  shared().nurel({"tabs"});
   // Let the other user reach the socket, so that only the back end's own check stands.
-  std::string folder = shared->socket().substr(0, shared->socket().rfind('/'));
+  std::string folder = shared().socket().substr(0, shared().socket().rfind('/'));
   std::string root = folder.substr(0, folder.rfind('/'));
   chmod(root.c_str(), 0755);
   chmod(folder.c_str(), 0777);
-  chmod(shared->socket().c_str(), 0777);
+  chmod(shared().socket().c_str(), 0777);
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
   pid_t child = fork();
   if (child == 0) {
     close(pipeFds[0]);
     if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-    int fd = connectTo(shared->socket());
+    int fd = connectTo(shared().socket());
     if (fd < 0) _exit(3);
     std::string line = "{\"id\":1,\"method\":\"tabs\"}\n";
     [[maybe_unused]] ssize_t wrote = write(fd, line.data(), line.size());
@@ -488,21 +280,21 @@ TEST(Browser, ConnectionsFromAnotherUserAreClosed) {
   waitpid(child, &status, 0);
   chmod(root.c_str(), 0700);
   chmod(folder.c_str(), 0700);
-  chmod(shared->socket().c_str(), 0600);
+  chmod(shared().socket().c_str(), 0600);
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(reply, "");
-  EXPECT_EQ(shared->nurel({"hello"}).status, 0);
+  EXPECT_EQ(shared().nurel({"hello"}).status, 0);
 }
 
 TEST(Browser, LocalFilesOnlyFromAllowedFolders) {
-  writeTestFile(shared->file("allowed/page.html"), "<title>Local</title><p>From a file</p>");
-  std::string address = "file://" + shared->file("allowed/page.html");
-  Outcome opened = shared->nurel({"open", address});
+  writeTestFile(shared().file("allowed/page.html"), "<title>Local</title><p>From a file</p>");
+  std::string address = "file://" + shared().file("allowed/page.html");
+  Outcome opened = shared().nurel({"open", address});
   EXPECT_EQ(opened.status, 0) << opened.err;
   EXPECT_NE(opened.out.find(" \"Local\"\n"), std::string::npos);
-  writeTestFile(shared->file("secret.html"), "<p>secret</p>");
-  Outcome outside = shared->nurel({"open", "file://" + shared->file("allowed/../secret.html")});
-  EXPECT_EQ(outside.err, "won't open file://" + shared->file("allowed/../secret.html") +
+  writeTestFile(shared().file("secret.html"), "<p>secret</p>");
+  Outcome outside = shared().nurel({"open", "file://" + shared().file("allowed/../secret.html")});
+  EXPECT_EQ(outside.err, "won't open file://" + shared().file("allowed/../secret.html") +
                              ": it isn't under a folder of NUREL_ALLOW_FILES\n");
 
   BackEnd closed(Env{{"NUREL_ALLOW_FILES", std::nullopt}});
@@ -515,8 +307,8 @@ TEST(Browser, LocalFilesOnlyFromAllowedFolders) {
 }
 
 TEST(Browser, TheMCPServerDrivesTheRealBrowser) {
-  shared->nurel({"tabs"});
-  Session mcp(shared->socket());
+  shared().nurel({"tabs"});
+  Session mcp(shared().socket());
   mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"open_tab","arguments":{"url":")" +
            url("/article") + R"("}}})");
   auto opened = mcp.next();
@@ -545,13 +337,13 @@ TEST(Browser, TheMCPServerDrivesTheRealBrowser) {
 }
 
 TEST(Browser, ASecondBackEndForTheSameSocketRefusesToStart) {
-  shared->nurel({"tabs"});
-  RunOptions options = shared->options;
+  shared().nurel({"tabs"});
+  RunOptions options = shared().options;
   options.timeoutSeconds = 20;
   Outcome second = runProgram(NUREL_BROWSER_BINARY, {}, options);
   EXPECT_EQ(second.status, 1);
-  EXPECT_EQ(second.err, "nurel-browser: another browser already answers on " + shared->socket() + "\n");
-  EXPECT_EQ(shared->nurel({"hello"}).status, 0);
+  EXPECT_EQ(second.err, "nurel-browser: another browser already answers on " + shared().socket() + "\n");
+  EXPECT_EQ(shared().nurel({"hello"}).status, 0);
 }
 
 TEST(Browser, ChromiumKilledMidSessionIsSaidAndReplaced) {
@@ -597,11 +389,25 @@ TEST(Browser, ExitsAfterTheIdleTime) {
 }
 
 TEST(Browser, MethodsOfLaterWorkSaySoAndSigninNeedsTheMacBrowser) {
-  std::string tab = shared->open(url("/"));
-  EXPECT_EQ(shared->nurel({"console", tab}).err, "console isn't available in this browser yet\n");
-  EXPECT_EQ(shared->nurel({"signin", tab}).err,
+  std::string tab = shared().open(url("/"));
+  EXPECT_EQ(shared().nurel({"console", tab}).err, "console isn't available in this browser yet\n");
+  EXPECT_EQ(shared().nurel({"signin", tab}).err,
             "sign-in with saved logins needs the macOS browser: here, type the login into the "
             "page, or ask the person\n");
+}
+
+TEST(Browser, WithoutAChromiumItSaysHowToGetOne) {
+  BackEnd missing(Env{{"NUREL_CHROMIUM", "/nonexistent/chromium"}});
+  Outcome named = missing.nurel({"open", url("/")});
+  EXPECT_EQ(named.status, 1);
+  EXPECT_EQ(named.err, "NUREL_CHROMIUM names /nonexistent/chromium, which isn't a program that can be run\n");
+  BackEnd broken(Env{{"NUREL_CHROMIUM", "/bin/false"}});
+  EXPECT_EQ(broken.nurel({"open", url("/")}).err, "Chromium (/bin/false) didn't start\n");
+  // Tabs and hello need no Chromium, and the back end still answers after failing to start one.
+  EXPECT_EQ(broken.nurel({"tabs"}).out, "no tabs\n");
+  BackEnd none(Env{{"PATH", "/nonexistent"}, {"NUREL_CHROMIUM", std::nullopt}});
+  EXPECT_EQ(none.nurel({"open", url("/")}).err,
+            "no Chromium found: install the chromium package or set NUREL_CHROMIUM\n");
 }
 
 }  // namespace

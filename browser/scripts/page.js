@@ -316,7 +316,7 @@
         if (role === 'img' && name && !interactiveOnly) out.push({ text: '[image] ' + clip(name, 100) });
         else if ((role === 'paragraph' || role === 'listitem') && !interactiveOnly) {
           const texts = children.map((c) => c.text).filter(Boolean).join(' ');
-          if (texts) out.push({ text: (role === 'listitem' ? '• ' : '') + texts });
+          if (texts) out.push({ text: (role === 'listitem' ? '• ' : '') + texts, block: true });
           else out.push(...children);
         } else {
           out.push(...children);
@@ -355,7 +355,10 @@
       };
       for (const item of items) {
         if (item.text !== undefined) {
+          // A paragraph's text is a line of its own; inline pieces join the text around them.
+          if (item.block) flush();
           pending.push(item.text);
+          if (item.block) flush();
           continue;
         }
         flush();
@@ -410,9 +413,18 @@
     }
     const labelFor = hit && hit.closest && hit.closest('label');
     if (hit && !within(found, hit) && !(labelFor && labelFor.control === found)) {
-      let over = hit;
-      while (over && over.parentElement && !roleOf(over) && !clickable(over)) over = over.parentElement;
-      result.covered = label(over || hit);
+      // Named by the largest thing with a role that lies over it (a dialog rather than its
+      // close button), else by the nearest.
+      let nearest = null;
+      let largest = null;
+      for (let over = hit; over && over !== document.body && over !== document.documentElement &&
+           !within(over, found); over = over.parentElement) {
+        if (roleOf(over) || clickable(over)) {
+          if (!nearest) nearest = over;
+          largest = over;
+        }
+      }
+      result.covered = label(largest || nearest || hit);
     }
     for (let view = found.ownerDocument.defaultView; view && view !== window && view.frameElement;) {
       const frame = view.frameElement;

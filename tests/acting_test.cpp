@@ -1,0 +1,316 @@
+// tests/acting_test.cpp: the agent's loop on real pages: snapshots with refs, and acting on them
+// through nurel and nurel mcp, against real Chromium.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "link/json.h"
+#include "tests/browser_fixture.h"
+#include "tests/session.h"
+
+namespace nurel::testing {
+namespace {
+
+// The ref on the snapshot line that holds `part`, or "".
+std::string refOn(const std::string& snapshot, const std::string& part) {
+  size_t at = snapshot.find(part);
+  if (at == std::string::npos) return "";
+  size_t end = snapshot.find('\n', at);
+  std::string line = snapshot.substr(at, end == std::string::npos ? std::string::npos : end - at);
+  std::smatch ref;
+  return std::regex_search(line, ref, std::regex("\\[ref=(e[0-9]+)\\]")) ? ref[1].str() : "";
+}
+
+const char* formPage = R"html(<title>Form</title>
+<main><h1>Sign up</h1><p>Please fill in <b>all</b> fields.</p>
+<form aria-label="Signup" onsubmit="event.preventDefault();
+  document.getElementById('out').textContent = 'Sent ' + name.value + ' ' + size.value + ' ' + agree.checked">
+<label>Name <input id=name></label>
+<label>Password <input type=password id=secret></label>
+<label>Age <input type=number id=age></label>
+<label>Notes <textarea id=notes></textarea></label>
+<label><input type=checkbox id=agree> I agree</label>
+<label><input type=radio name=plan value=a> Plan A</label>
+<select id=size aria-label=Size><option value=s>Small<option value=l>Large</select>
+<button>Send</button></form>
+<p id=out></p>
+<div contenteditable=true aria-label=Editor></div>
+<div onclick="this.textContent = 'Clicked by script'">Script only</div>
+<span style="cursor:pointer" id=pointer>Pointer</span>
+</main>)html";
+
+TEST(Acting, ASnapshotShowsEveryFieldWithARefAndActingFillsThem) {
+  servePage("/form", formPage);
+  std::string tab = shared().open(url("/form"));
+  Outcome taken = shared().nurel({"snapshot", tab});
+  ASSERT_EQ(taken.status, 0) << taken.err;
+  const std::string& s = taken.out;
+  for (const char* line : {"textbox \"Name\"", "textbox \"Password\"", "spinbutton \"Age\"",
+                           "textbox \"Notes\"", "checkbox \"I agree\"", "radio \"Plan A\"",
+                           "combobox \"Size\" [value=\"Small\"]", "button \"Send\"",
+                           "textbox \"Editor\"", "clickable \"Script only\"", "clickable \"Pointer\""})
+    EXPECT_NE(refOn(s, line), "") << line << " in\n" << s;
+  EXPECT_NE(s.find("- heading \"Sign up\" [level=1]\n"), std::string::npos) << s;
+  EXPECT_NE(s.find("- text: Please fill in all fields.\n"), std::string::npos) << s;
+
+  EXPECT_EQ(shared().nurel({"type", tab, "--ref", refOn(s, "\"Name\""), "Zoë 山田"}).out,
+            "typed 6 characters into textbox \"Name\" [ref=" + refOn(s, "\"Name\"") +
+                "]; nothing visible changed\n");
+  shared().nurel({"type", tab, "--ref", refOn(s, "\"Password\""), "hunter2"});
+  shared().nurel({"type", tab, "--ref", refOn(s, "\"Notes\""), "line one\nline two"});
+  shared().nurel({"type", tab, "--ref", refOn(s, "\"Editor\""), "Привет"});
+  EXPECT_EQ(shared().nurel({"click", tab, refOn(s, "\"I agree\"")}).status, 0);
+  EXPECT_EQ(shared().nurel({"choose", tab, refOn(s, "\"Size\""), "large"}).out,
+            "chose \"Large\" in combobox \"Size\" [ref=" + refOn(s, "\"Size\"") +
+                "]; nothing visible changed\n");
+  Outcome none = shared().nurel({"choose", tab, refOn(s, "\"Size\""), "Huge"});
+  EXPECT_EQ(none.err, "no option \"Huge\" in combobox \"Size\" [ref=" + refOn(s, "\"Size\"") +
+                          "]: \"Small\", \"Large\"\n");
+  EXPECT_EQ(shared().nurel({"click", tab, refOn(s, "\"Script only\"")}).out,
+            "clicked clickable \"Script only\" [ref=" + refOn(s, "\"Script only\"") +
+                "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [document.getElementById('name').value, notes.value, secret.value, "
+                                         "document.querySelector('[contenteditable]').textContent]"})
+                .out,
+            "[\n  \"Zoë 山田\",\n  \"line one\\nline two\",\n  \"hunter2\",\n  \"Привет\"\n]\n");
+  EXPECT_EQ(shared().nurel({"type", tab, "--ref", refOn(s, "\"Name\""), "--replace", "Ann"}).status, 0);
+  Outcome sent = shared().nurel({"key", tab, "enter"});
+  EXPECT_EQ(sent.out, "pressed enter; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return out.textContent"}).out, "Sent Ann l true\n");
+
+  Outcome after = shared().nurel({"snapshot", tab});
+  EXPECT_NE(after.out.find("textbox \"Password\" [value=••••]"), std::string::npos) << after.out;
+  EXPECT_EQ(after.out.find("hunter2"), std::string::npos);
+  EXPECT_NE(after.out.find("checkbox \"I agree\" [checked]"), std::string::npos);
+  // The same elements keep their refs from one snapshot to the next.
+  EXPECT_EQ(refOn(after.out, "\"Name\""), refOn(s, "\"Name\""));
+  EXPECT_EQ(refOn(after.out, "button \"Send\""), refOn(s, "button \"Send\""));
+}
+
+TEST(Acting, InteractiveViewportDiffAndLimit) {
+  servePage("/variants", "<title>V</title><h1>Top</h1><p>Just words here.</p><button onclick=\""
+                         "document.body.insertAdjacentHTML('beforeend', '<p>Added line</p>')\">Add</button>"
+                         "<div style='height:3000px'></div><a href=/second>Far below</a>");
+  std::string tab = shared().open(url("/variants"));
+  std::string full = shared().nurel({"snapshot", tab}).out;
+  std::string interactive = shared().nurel({"snapshot", tab, "--interactive"}).out;
+  std::string viewport = shared().nurel({"snapshot", tab, "--viewport"}).out;
+  EXPECT_NE(full.find("Just words here."), std::string::npos);
+  EXPECT_EQ(interactive.find("Just words here."), std::string::npos) << interactive;
+  EXPECT_NE(interactive.find("- heading \"Top\" [level=1]"), std::string::npos) << interactive;
+  EXPECT_NE(interactive.find("link \"Far below\""), std::string::npos);
+  EXPECT_EQ(viewport.find("link \"Far below\""), std::string::npos) << viewport;
+  EXPECT_NE(viewport.find("button \"Add\""), std::string::npos);
+
+  EXPECT_EQ(shared().nurel({"snapshot", tab, "--diff"}).out, "nothing changed since the last snapshot\n");
+  shared().nurel({"click", tab, refOn(full, "button \"Add\"")});
+  EXPECT_EQ(shared().nurel({"snapshot", tab, "--diff"}).out,
+            "1 lines added (+), 0 removed (-) since the last snapshot:\n+- text: Added line\n");
+
+  // Cut at the limit, with a line that says how to get less or all; 0 is all of it.
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"snapshot","arguments":{"tab":")" +
+           tab + R"(","limit":40}}})");
+  auto cut = mcp.next();
+  ASSERT_TRUE(cut);
+  std::string text = parseDocument(*cut)["result"]["content"][0]["text"];
+  EXPECT_EQ(text.substr(text.find('\n')),
+            "\n[cut at 40 of " + std::to_string(full.size() - 1 + std::string("- text: Added line\n").size()) +
+                " characters: take it interactive or viewport for less, or save it to a file for all of it]");
+  EXPECT_EQ(mcp.finish(), 0);
+}
+
+TEST(Acting, ARefNeverMovesToAnotherElement) {
+  servePage("/list", R"html(<title>List</title><ul id=list><li><button>Alpha</button><li><button>Beta</button></ul>
+<button id=reverse onclick="list.append(...[...list.children].reverse())">Reverse</button>
+<button id=render onclick="list.innerHTML = '<li><button>Alpha</button><li><button>Beta</button>'">Render</button>
+<p id=said></p><script>list.onclick = (e) => said.textContent = 'pressed ' + e.target.textContent</script>)html");
+  std::string tab = shared().open(url("/list"));
+  std::string before = shared().nurel({"snapshot", tab}).out;
+  std::string alpha = refOn(before, "\"Alpha\"");
+  shared().nurel({"click", tab, refOn(before, "\"Reverse\"")});
+  std::string reversed = shared().nurel({"snapshot", tab}).out;
+  EXPECT_EQ(refOn(reversed, "\"Alpha\""), alpha);
+  EXPECT_LT(reversed.find("\"Beta\""), reversed.find("\"Alpha\""));
+  shared().nurel({"click", tab, alpha});
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "pressed Alpha\n");
+  // Rendered anew: the same words, other elements. The old ref is refused, never moved.
+  shared().nurel({"click", tab, refOn(before, "\"Render\"")});
+  Outcome stale = shared().nurel({"click", tab, alpha});
+  EXPECT_EQ(stale.status, 1);
+  EXPECT_EQ(stale.err, "ref " + alpha + " is no longer on the page\n");
+  std::string rendered = shared().nurel({"snapshot", tab}).out;
+  EXPECT_NE(refOn(rendered, "\"Alpha\""), alpha);
+}
+
+TEST(Acting, RefsFromAnEarlierPageAreRefused) {
+  std::string tab = shared().open(url("/"));
+  std::string home = shared().nurel({"snapshot", tab}).out;
+  std::string link = refOn(home, "link \"Second\"");
+  Outcome went = shared().nurel({"click", tab, link});
+  EXPECT_EQ(went.out, "clicked link \"Second\" [ref=" + link + "]; the page went to " + url("/second") +
+                          " \"Second\"\n");
+  Outcome old = shared().nurel({"click", tab, link});
+  EXPECT_EQ(old.err, "ref " + link + " is from an earlier page: take a new snapshot\n");
+  EXPECT_EQ(shared().nurel({"click", tab, "e999999"}).err,
+            "there is no ref e999999 in " + tab + ": take a snapshot for refs\n");
+  EXPECT_EQ(shared().nurel({"click", tab, "button"}).err,
+            "\"button\" isn't a ref: refs look like e12 and come from a snapshot\n");
+}
+
+TEST(Acting, ACoveredElementIsNotClicked) {
+  servePage("/covered", R"html(<title>Covered</title><button onclick="said.textContent='clicked'">Accept</button><p id=said></p>
+<div role=dialog aria-label=Cookies style="position:fixed;inset:0;background:rgba(0,0,0,.5)"><button onclick="this.parentNode.remove()">Close</button></div>)html");
+  std::string tab = shared().open(url("/covered"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string accept = refOn(s, "button \"Accept\"");
+  Outcome covered = shared().nurel({"click", tab, accept});
+  EXPECT_EQ(covered.err, "button \"Accept\" [ref=" + accept + "] is covered by dialog \"Cookies\"\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "\n");
+  shared().nurel({"click", tab, refOn(s, "button \"Close\"")});
+  EXPECT_EQ(shared().nurel({"click", tab, accept}).status, 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "clicked\n");
+}
+
+TEST(Acting, FramesOfTheSameOriginAndOpenShadowRootsAreWalked) {
+  servePage("/inner", "<title>Inner</title><button onclick=\"this.textContent='Done'\">Inside the frame</button>");
+  servePage("/framed", R"html(<title>Framed</title><p>Outside</p><iframe src="/inner" title="Inner frame" style="margin:40px"></iframe>
+<div id=host></div><script>host.attachShadow({mode:'open'}).innerHTML = '<button>In the shadow</button>'</script>)html");
+  std::string tab = shared().open(url("/framed"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string inner = refOn(s, "button \"Inside the frame\"");
+  ASSERT_NE(inner, "") << s;
+  EXPECT_NE(refOn(s, "button \"In the shadow\""), "") << s;
+  EXPECT_LT(s.find("iframe \"Inner frame\""), s.find("button \"Inside the frame\"")) << s;
+  EXPECT_EQ(shared().nurel({"click", tab, inner}).status, 0);
+  EXPECT_NE(shared().nurel({"snapshot", tab}).out.find("button \"Done\""), std::string::npos);
+}
+
+TEST(Acting, DialogsAreAnsweredBothWaysAndNeverHang) {
+  servePage("/dialogs", R"html(<title>Dialogs</title><p id=said></p>
+<button onclick="said.textContent = 'alerted'; alert('Heads up')">Alert</button>
+<button onclick="said.textContent = confirm('Sure?') ? 'yes' : 'no'">Confirm</button>
+<button onclick="said.textContent = prompt('Name?', 'x') ?? 'cancelled'">Prompt</button>)html");
+  std::string tab = shared().open(url("/dialogs"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  EXPECT_EQ(shared().nurel({"click", tab, refOn(s, "\"Alert\"")}).out,
+            "clicked button \"Alert\" [ref=" + refOn(s, "\"Alert\"") +
+                "]; a dialog opened: alert \"Heads up\": answer it with dialog (accept or dismiss)\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return 1"}).err,
+            tab + " is showing a dialog (alert \"Heads up\"): answer it with dialog (accept or "
+                  "dismiss) first\n");
+  EXPECT_EQ(shared().nurel({"dialog", tab, "accept"}).out, "accepted alert \"Heads up\"\n");
+  EXPECT_EQ(shared().nurel({"dialog", tab, "accept"}).err, tab + " shows no dialog\n");
+  for (auto [answer, expected] : {std::pair{"accept", "yes"}, std::pair{"dismiss", "no"}}) {
+    shared().nurel({"click", tab, refOn(s, "\"Confirm\"")});
+    EXPECT_EQ(shared().nurel({"dialog", tab, answer}).out,
+              std::string(answer) + "ed confirm \"Sure?\"\n");
+    EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, std::string(expected) + "\n");
+  }
+  shared().nurel({"click", tab, refOn(s, "\"Prompt\"")});
+  EXPECT_EQ(shared().nurel({"dialog", tab, "accept", "Ada", "Lovelace"}).out,
+            "accepted prompt \"Name?\" with \"Ada Lovelace\"\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "Ada Lovelace\n");
+  shared().nurel({"click", tab, refOn(s, "\"Prompt\"")});
+  shared().nurel({"dialog", tab, "dismiss"});
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "cancelled\n");
+}
+
+TEST(Acting, AClickThatOpensATabGivesItsID) {
+  servePage("/opener", "<title>Opener</title><a href=/second target=_blank>Elsewhere</a>");
+  std::string tab = shared().open(url("/opener"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  Outcome clicked = shared().nurel({"click", tab, refOn(s, "\"Elsewhere\"")});
+  std::smatch opened;
+  ASSERT_TRUE(std::regex_search(clicked.out, opened, std::regex("; a tab opened: (t[0-9]+)\n$"))) << clicked.out;
+  std::string fresh = opened[1];
+  EXPECT_TRUE(eventually([&] {
+    return shared().nurel({"tabs"}).out.find(fresh + " " + url("/second") + " \"Second\"") != std::string::npos;
+  }));
+  EXPECT_EQ(shared().nurel({"close", fresh}).status, 0);
+}
+
+TEST(Acting, DragsHoversScrollsAndPressesKeys) {
+  servePage("/drag", R"html(<title>Drag</title><style>li{height:40px;border:1px solid}</style>
+<ul id=list><li id=a>First</li><li id=b>Second</li><li id=c>Third</li></ul><p id=order></p>
+<div id=hover onmouseenter="this.textContent='Hovered'">Hover me</div>
+<script>
+let held = null;
+list.addEventListener('pointerdown', (e) => { held = e.target.closest('li'); });
+document.addEventListener('pointerup', (e) => {
+  const over = document.elementFromPoint(e.clientX, e.clientY)?.closest('li');
+  if (held && over && over !== held) over.after(held);
+  held = null;
+  order.textContent = [...list.children].map((li) => li.textContent).join(',');
+});
+</script><div style="height:3000px"></div>)html");
+  std::string tab = shared().open(url("/drag"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  EXPECT_EQ(shared().nurel({"drag", tab, "100,30", "100,110"}).status, 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return order.textContent"}).out, "Second,Third,First\n");
+  EXPECT_EQ(shared().nurel({"hover", tab, "50", "200"}).status, 0);
+  Outcome scrolled = shared().nurel({"scroll", tab, "500"});
+  EXPECT_EQ(scrolled.out.rfind("turned the wheel 500 px over the page: the page is at 500 of ", 0), 0u)
+      << scrolled.out;
+  Outcome key = shared().nurel({"key", tab, "ctrl+alt+nothing"});
+  EXPECT_EQ(key.err, "unknown key \"nothing\": enter, tab, space, escape, backspace, delete, arrows, "
+                     "home, end, pageup, pagedown, f1-f12 or one character\n");
+  EXPECT_EQ(shared().nurel({"key", tab, "hyper+a"}).err,
+            "unknown modifier \"hyper\": use cmd, ctrl, alt or shift\n");
+  EXPECT_EQ(shared().nurel({"key", tab, "home"}).status, 0);
+}
+
+TEST(Acting, APageThatMovesItselfOnTheWheelStillGetsTheWheel) {
+  servePage("/wheel", R"html(<title>Wheel</title><body style="overflow:hidden;margin:0"><p id=moved>0</p>
+<script>addEventListener('wheel', (e) => { moved.textContent = Number(moved.textContent) + e.deltaY; }, {passive: true})</script></body>)html");
+  std::string tab = shared().open(url("/wheel"));
+  Outcome scrolled = shared().nurel({"scroll", tab, "300"});
+  EXPECT_NE(scrolled.out.find("(it didn't move: the page may move itself; a screenshot shows it)"),
+            std::string::npos) << scrolled.out;
+  EXPECT_EQ(shared().nurel({"eval", tab, "return moved.textContent"}).out, "300\n");
+}
+
+TEST(Acting, FindAndInspect) {
+  servePage("/find", "<title>Find</title><p>Sign in to continue</p><button>Sign in</button>"
+                     "<a href=/second>Sign in help</a>");
+  std::string tab = shared().open(url("/find"));
+  Outcome found = shared().nurel({"find", tab, "sign in"});
+  std::vector<std::string> lines;
+  for (size_t at = 0, end; (end = found.out.find('\n', at)) != std::string::npos; at = end + 1)
+    lines.push_back(found.out.substr(at, end - at));
+  ASSERT_EQ(lines.size(), 3u) << found.out;
+  EXPECT_EQ(lines[0].rfind("- button \"Sign in\" [ref=", 0), 0u);
+  EXPECT_EQ(lines[1].rfind("- link \"Sign in help\" [url=/second] [ref=", 0), 0u);
+  EXPECT_EQ(lines[2].rfind("- paragraph \"Sign in to continue\" [ref=", 0), 0u) << lines[2];
+  EXPECT_EQ(shared().nurel({"find", tab, "nowhere"}).out, "nothing on the page says \"nowhere\"\n");
+  std::string button = refOn(found.out, "button");
+  Json inspected = parseDocument(shared().nurel({"inspect", tab, button, "--styles", "display,cursor"}).out);
+  EXPECT_EQ(inspected["tag"], "button");
+  EXPECT_EQ(inspected["style"], Json::parse(R"({"cursor":"default","display":"inline-block"})"));
+  EXPECT_GT(inspected["box"]["width"].get<int>(), 10);
+  // find's refs are the snapshot's.
+  EXPECT_EQ(refOn(shared().nurel({"snapshot", tab}).out, "button \"Sign in\""), button);
+}
+
+TEST(Acting, ABatchStopsAtItsFirstFailure) {
+  servePage("/batch", "<title>Batch</title><input aria-label=Query><button onclick=\"said.textContent=1\">Go</button><p id=said></p>");
+  std::string tab = shared().open(url("/batch"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  Outcome ran = shared().nurel(
+      {"batch", tab, R"([{"do":"type","ref":")" + refOn(s, "Query") + R"(","text":"hello"},
+                        {"do":"click","ref":")" + refOn(s, "\"Go\"") + R"("},
+                        {"do":"click","ref":"e99999"},
+                        {"do":"press_key","key":"enter"}])"});
+  EXPECT_EQ(ran.status, 1);
+  EXPECT_EQ(ran.out, "");
+  EXPECT_EQ(ran.err, "1. type: typed 5 characters into textbox \"Query\" [ref=" + refOn(s, "Query") +
+                         "]; nothing visible changed\n2. click: clicked button \"Go\" [ref=" +
+                         refOn(s, "\"Go\"") + "]; the page changed\n3. click failed: there is no ref "
+                         "e99999 in " + tab + ": take a snapshot for refs (the 1 after it not done)\n");
+  Outcome fine = shared().nurel({"batch", tab, R"([{"do":"press_key","key":"a"},{"do":"snapshot","interactive":true}])"});
+  EXPECT_EQ(fine.status, 0) << fine.err;
+  EXPECT_EQ(fine.out.rfind("1. press_key: pressed a", 0), 0u) << fine.out;
+}
+
+}  // namespace
+}  // namespace nurel::testing

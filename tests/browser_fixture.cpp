@@ -1,0 +1,220 @@
+// tests/browser_fixture.cpp: the shared HTTP server, back end and process helpers of the tests
+// against real Chromium.
+#include "tests/browser_fixture.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+namespace nurel::testing {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string repeatText(const std::string& paragraph, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += "<p>" + paragraph + " " + std::to_string(i) + ".</p>\n";
+  return out;
+}
+
+std::mutex pagesLock;
+std::map<std::string, std::string>& extraPages() {
+  static std::map<std::string, std::string> pages;
+  return pages;
+}
+
+Response page(const std::string& path) {
+  Response r;
+  std::string bare = path.substr(0, path.find('?'));
+  {
+    std::lock_guard<std::mutex> guard(pagesLock);
+    auto found = extraPages().find(bare);
+    if (found != extraPages().end()) {
+      r.body = found->second;
+      return r;
+    }
+  }
+  if (bare == "/") {
+    r.body = "<title>Home</title><h1>Welcome home</h1><a href=/second>Second</a>";
+  } else if (bare == "/second") {
+    r.body = "<title>Second</title><p>The second page</p>";
+  } else if (bare == "/never") {
+    r.hang = true;
+  } else if (bare == "/slow") {
+    r.delayMilliseconds = 1500;
+    r.type = "text/plain";
+    r.body = "slow";
+  } else if (bare == "/busy") {
+    r.body = "<title>Busy</title><script>fetch('/slow').then((r) => r.text())</script><p>busy</p>";
+  } else if (bare == "/long") {
+    r.body = "<title>Long</title><article><h1>A long story</h1>" +
+             repeatText("Once upon a time there was a page that went on and on, line after line",
+                        400) +
+             "</article>";
+  } else if (bare == "/article") {
+    r.body = "<title>News</title><nav><a href=/>Home</a> <a href=/second>Menu item</a></nav>"
+             "<article><h1>The headline</h1>" +
+             repeatText("A sentence of the article, long enough to count as prose for a reader", 12) +
+             "<ul><li>First point</li><li>Second point</li></ul></article>"
+             "<footer>Copyright footer</footer>";
+  } else if (bare == "/tall") {
+    r.body = "<title>Tall</title><body style='margin:0'><div style='height:3000px;"
+             "background:linear-gradient(red,blue)'>top</div></body>";
+  } else if (bare == "/later") {
+    r.body = "<title>Later</title><p id=old>Loading…</p><script>setTimeout(() => {"
+             "document.getElementById('old').remove();"
+             "document.body.insertAdjacentHTML('beforeend', '<p>Ready now</p>');"
+             "history.pushState({}, '', '/later?step=2'); }, 600)</script>";
+  } else if (bare == "/outline") {
+    r.body = "<html lang=en><title>Outline</title><header>Top</header><nav aria-label=Main>"
+             "<a href=/>One</a><a href=/second>Two</a></nav><main><h1>Heading one</h1>"
+             "<h2>Heading two</h2><form aria-label=Search><input name=q autofocus>"
+             "<button>Go</button></form></main><footer>Bottom</footer></html>";
+  } else if (bare == "/missing") {
+    r.status = 404;
+    r.body = "<title>Not here</title><p>Nothing here</p>";
+  } else {
+    r.status = 404;
+    r.body = "no such page";
+  }
+  return r;
+}
+
+HttpServer* server = nullptr;
+BackEnd* sharedBackEnd = nullptr;
+
+class Shared : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    server = new HttpServer(page);
+    sharedBackEnd = new BackEnd();
+  }
+  void TearDown() override {
+    delete sharedBackEnd;
+    delete server;
+  }
+};
+
+const auto* environment = ::testing::AddGlobalTestEnvironment(new Shared);
+
+}  // namespace
+
+BackEnd& shared() { return *sharedBackEnd; }
+
+std::string url(const std::string& path) { return server->url(path); }
+
+void servePage(const std::string& path, const std::string& html) {
+  std::lock_guard<std::mutex> guard(pagesLock);
+  extraPages()[path] = html;
+}
+
+std::pair<uint32_t, uint32_t> pngSize(const std::string& png) {
+  if (png.size() < 24 || png.compare(1, 3, "PNG") != 0) return {0, 0};
+  auto word = [&](size_t at) {
+    return uint32_t(uint8_t(png[at])) << 24 | uint32_t(uint8_t(png[at + 1])) << 16 |
+           uint32_t(uint8_t(png[at + 2])) << 8 | uint32_t(uint8_t(png[at + 3]));
+  };
+  return {word(16), word(20)};
+}
+
+std::string readWhole(int fd) {
+  std::string out;
+  char block[4096];
+  for (;;) {
+    ssize_t got = read(fd, block, sizeof block);
+    if (got <= 0) return out;
+    out.append(block, size_t(got));
+  }
+}
+
+std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+pid_t backEnd(const std::string& socket) {
+  std::string wanted = "NUREL_SOCKET=" + socket;
+  for (auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::error_code error;
+    auto exe = std::filesystem::read_symlink(entry.path() / "exe", error);
+    if (error || exe.filename() != "nurel-browser") continue;
+    std::string environment = fileText(entry.path() / "environ");
+    for (size_t start = 0; start < environment.size();) {
+      size_t end = environment.find('\0', start);
+      if (end == std::string::npos) end = environment.size();
+      if (environment.compare(start, end - start, wanted) == 0) return std::stoi(name);
+      start = end + 1;
+    }
+  }
+  return -1;
+}
+
+pid_t chromiumOf(pid_t backEndPid) {
+  for (auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string stat = fileText(entry.path() / "stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    int parent = 0;
+    char state;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) != 2) continue;
+    if (parent != backEndPid) continue;
+    if (fileText(entry.path() / "cmdline").find("--remote-debugging-pipe") != std::string::npos)
+      return std::stoi(name);
+  }
+  return -1;
+}
+
+bool alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0 && fileText("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos; }
+
+int connectTo(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+BackEnd::BackEnd(const Env& extra) {
+  options.env = {{"NUREL_SOCKET", socket()},
+                 {"XDG_DATA_HOME", dir.file("data")},
+                 {"NUREL_TIMEOUT", "5"},
+                 {"NUREL_IDLE_MINUTES", "10"},
+                 {"NUREL_HEADED", std::nullopt},
+                 {"NUREL_ALLOW_FILES", dir.file("allowed")}};
+  for (auto& [name, value] : extra) options.env[name] = value;
+  options.timeoutSeconds = 90;
+  std::filesystem::create_directories(dir.file("allowed"));
+}
+BackEnd::~BackEnd() {
+  if (pid_t pid = backEnd(socket()); pid > 0) {
+    kill(pid, SIGTERM);
+    eventually([&] { return !alive(pid); }, 10s);
+  }
+}
+Outcome BackEnd::nurel(const std::vector<std::string>& arguments) const {
+  return runProgram(NUREL_BUNDLED, arguments, options);
+}
+
+std::string BackEnd::open(const std::string& address) const {
+  Outcome opened = nurel({"open", address});
+  EXPECT_EQ(opened.status, 0) << opened.err;
+  return opened.out.substr(0, opened.out.find(' '));
+}
+
+}  // namespace nurel::testing

@@ -1,0 +1,74 @@
+// tests/browser_fixture.h: what the tests against real Chromium share: one HTTP server for
+// their pages on 127.0.0.1, one back end started through the bundle, and ways to find a back
+// end's processes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/fake_browser.h"
+#include "tests/http_server.h"
+#include "tests/run_nurel.h"
+
+namespace nurel::testing {
+
+using Env = std::map<std::string, std::optional<std::string>>;
+
+/// A back end: a socket, a data folder, and the environment nurel starts it with. The first
+/// command through it starts the back end; the destructor stops it.
+class BackEnd {
+ public:
+  explicit BackEnd(const Env& extra = {});
+  ~BackEnd();
+  BackEnd(const BackEnd&) = delete;
+  BackEnd& operator=(const BackEnd&) = delete;
+
+  std::string socket() const { return dir.file("run/agent.sock"); }
+  std::string file(const std::string& name) const { return dir.file(name); }
+  /// Runs the bundled nurel with this back end's environment.
+  Outcome nurel(const std::vector<std::string>& arguments) const;
+  /// The tab id that `open` answered (its first word).
+  std::string open(const std::string& url) const;
+
+  RunOptions options;
+
+ private:
+  TempDir dir;
+};
+
+/// The back end the tests share, each in tabs of its own.
+BackEnd& shared();
+/// The address of a test page: "http://127.0.0.1:<port>" + path.
+std::string url(const std::string& path);
+/// Serves `html` at `path` (before the built-in pages), for the rest of the run.
+void servePage(const std::string& path, const std::string& html);
+
+std::string fileText(const std::string& path);
+std::string readWhole(int fd);
+int connectTo(const std::string& path);
+/// Width and height of a PNG, from its header.
+std::pair<uint32_t, uint32_t> pngSize(const std::string& png);
+/// The nurel-browser serving `socket`, or -1.
+pid_t backEnd(const std::string& socket);
+/// The Chromium a back end started, or -1.
+pid_t chromiumOf(pid_t backEndPid);
+bool alive(pid_t pid);
+
+/// Waits for a condition up to `most` (a guard against hanging, not a speed test).
+template <class Condition>
+bool eventually(Condition condition, std::chrono::milliseconds most = std::chrono::seconds(20)) {
+  auto end = std::chrono::steady_clock::now() + most;
+  while (std::chrono::steady_clock::now() < end) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return condition();
+}
+
+}  // namespace nurel::testing
