@@ -233,10 +233,21 @@ Json Browser::wait(const Json& params) {
 
 Json Browser::screenshot(const Json& params) {
   auto tab = tabFor(params);
-  if (!stringParam(params, "ref").empty())
-    throw Failure("a screenshot of one element (ref) isn't available in this browser yet");
   Json shot = {{"format", "png"}};
-  if (flagParam(params, "full")) {
+  std::string ref = stringParam(params, "ref");
+  bool full = flagParam(params, "full");
+  // Labels unless asked not to; never on a whole page or one element.
+  bool labels = !(params.contains("labels") && !flagParam(params, "labels")) && !full && ref.empty();
+  if (!ref.empty()) {
+    Json box = inWorld(tab, "__nurel.pictureBox(" + std::to_string(refNumber(tab, ref)) + ")",
+                       Library::page);
+    if (box.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+    double width = box.value("width", 0.0), height = box.value("height", 0.0);
+    if (width < 1 || height < 1) throw Failure("ref " + ref + " isn't visible");
+    shot["clip"] = {{"x", box.value("x", 0.0)}, {"y", box.value("y", 0.0)},
+                    {"width", width}, {"height", std::min(height, 16000.0)}, {"scale", 1}};
+    shot["captureBeyondViewport"] = true;
+  } else if (full) {
     Json metrics = call("Page.getLayoutMetrics", Json::object(), tab->session);
     const Json& size = metrics["cssContentSize"];
     // Past about 16,000 px Chromium's images come out blank: a very long page stops there.
@@ -245,8 +256,21 @@ Json Browser::screenshot(const Json& params) {
     shot["captureBeyondViewport"] = true;
     shot["clip"] = {{"x", 0}, {"y", 0}, {"width", width}, {"height", height}, {"scale", 1}};
   }
-  Json taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
-  return {{"png", taken.value("data", "")}};
+  if (!labels) {
+    Json taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
+    return {{"png", taken.value("data", "")}};
+  }
+  std::string refs = snapshotText(tab, "viewport");
+  inWorld(tab, "__nurel.drawLabels()", Library::page);
+  Json taken;
+  try {
+    taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
+  } catch (...) {
+    inWorld(tab, "__nurel.removeLabels()", Library::page);
+    throw;
+  }
+  inWorld(tab, "__nurel.removeLabels()", Library::page);
+  return {{"png", taken.value("data", "")}, {"refs", refs}};
 }
 
 Json Browser::pdf(const Json& params) {

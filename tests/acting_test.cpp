@@ -312,5 +312,39 @@ TEST(Acting, ABatchStopsAtItsFirstFailure) {
   EXPECT_EQ(fine.out.rfind("1. press_key: pressed a", 0), 0u) << fine.out;
 }
 
+TEST(Acting, ScreenshotsLabelWhatCanBeActedOnAndLeaveNothingBehind) {
+  servePage("/shots", "<title>Shots</title><button style='width:120px;height:40px'>Big button</button>"
+                      "<a href=/second>A link</a>");
+  std::string tab = shared().open(url("/shots"));
+  std::string before = shared().nurel({"eval", tab, "return document.documentElement.outerHTML"}).out;
+  Outcome labelled = shared().nurel({"screenshot", tab, "--file", shared().file("labelled.png")});
+  EXPECT_EQ(labelled.status, 0) << labelled.err;
+  std::string button = refOn(labelled.out, "button \"Big button\"");
+  EXPECT_NE(button, "") << labelled.out;
+  EXPECT_NE(refOn(labelled.out, "link \"A link\""), "");
+  EXPECT_EQ(labelled.out.substr(labelled.out.rfind("saved to")), "saved to " + shared().file("labelled.png") + "\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return document.documentElement.outerHTML"}).out, before);
+  // Labelled and plain differ only where the labels are.
+  shared().nurel({"screenshot", tab, "--plain", "--file", shared().file("plain.png")});
+  EXPECT_NE(fileText(shared().file("labelled.png")), fileText(shared().file("plain.png")));
+  EXPECT_EQ(shared().nurel({"screenshot", tab, "--plain", "--file", shared().file("plain.png")}).out,
+            "saved to " + shared().file("plain.png") + "\n");
+  // One element: its own size.
+  ASSERT_EQ(shared().nurel({"screenshot", tab, "--ref", button, "--file", shared().file("one.png")}).status, 0);
+  EXPECT_EQ(pngSize(fileText(shared().file("one.png"))), std::make_pair(120u, 40u));
+
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"screenshot","arguments":{"tab":")" +
+           tab + R"("}}})");
+  auto answer = mcp.next();
+  ASSERT_TRUE(answer);
+  Json content = parseDocument(*answer)["result"]["content"];
+  ASSERT_EQ(content.size(), 2u);
+  EXPECT_EQ(content[0]["type"], "image");
+  EXPECT_NE(content[1]["text"].get<std::string>().find("button \"Big button\" [ref=" + button + "]"),
+            std::string::npos);
+  EXPECT_EQ(mcp.finish(), 0);
+}
+
 }  // namespace
 }  // namespace nurel::testing

@@ -246,8 +246,10 @@
   // The page as lines of roles and names.
   //   mode: "full", "interactive" (what can be acted on, with the headings and landmarks that
   //   place it) or "viewport" (only what is on the screen).
+  let lastActionable = [];
   const snapshot = (mode, base) => {
     refs = { base, used: 0 };
+    lastActionable = [];
     // Builds the tree: {role, name, states, ref, children, text}.
     const interactiveOnly = mode === 'interactive';
     const viewportOnly = mode === 'viewport';
@@ -283,6 +285,7 @@
           // A closed dropdown: its options are what can be chosen.
           const role = roleOf(node);
           const item = { role, name: nameOf(node, role), states: statesOf(node, role), ref: refOf(node), children: [] };
+        lastActionable.push(node);
           if (!viewportOnly || onScreen(node)) out.push(item);
           return;
         }
@@ -324,7 +327,10 @@
         return;
       }
       const item = { role, name: clip(name, 150), states: statesOf(element, role), children };
-      if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') item.ref = refOf(element);
+      if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') {
+        item.ref = refOf(element);
+        if (actionable) lastActionable.push(element);
+      }
       // A name taken from the content says all its text: the text is not repeated under it.
       if (name && (namedByContent.has(role) || role === 'clickable')) {
         item.children = children.filter((c) => !c.text || !name.includes(c.text));
@@ -555,6 +561,62 @@
       most: Math.max(0, Math.round((scroller ? scroller.scrollHeight : 0) - innerHeight)) };
   };
 
+  // An element's box in the top page's viewport, through the frames of this origin it is in.
+  const boxInTop = (found) => {
+    const box = found.getBoundingClientRect();
+    let left = box.left, top = box.top;
+    for (let view = found.ownerDocument.defaultView; view && view !== window && view.frameElement;) {
+      const frame = view.frameElement;
+      const frameBox = frame.getBoundingClientRect();
+      left += frameBox.left + frame.clientLeft;
+      top += frameBox.top + frame.clientTop;
+      view = frame.ownerDocument.defaultView;
+    }
+    return { left, top, width: box.width, height: box.height };
+  };
+  // Outlines what the last snapshot found to act on, each with its ref, over the page: in a
+  // closed shadow root that the page cannot read, and gone again after the picture.
+  let labelsHost = null;
+  const drawLabels = () => {
+    removeLabels();
+    const host = document.createElement('div');
+    host.style.cssText = 'position:fixed;inset:0;pointer-events:none;z-index:2147483647;margin:0;padding:0;border:0';
+    const root = host.attachShadow({ mode: 'closed' });
+    let count = 0;
+    for (const found of lastActionable) {
+      if (!found.isConnected) continue;
+      const box = boxInTop(found);
+      if (box.width <= 0 || box.height <= 0 || box.top >= innerHeight || box.left >= innerWidth ||
+          box.top + box.height <= 0 || box.left + box.width <= 0) continue;
+      const frame = document.createElement('div');
+      frame.style.cssText = `position:fixed;left:${box.left}px;top:${box.top}px;width:${box.width}px;` +
+        `height:${box.height}px;outline:2px solid #d6246e;outline-offset:-1px;box-sizing:border-box`;
+      const tag = document.createElement('span');
+      tag.textContent = refIfAny(found);
+      tag.style.cssText = `position:absolute;left:-1px;${box.top >= 14 ? 'top:-15px' : 'top:0'};` +
+        'background:#d6246e;color:#fff;font:bold 11px/14px monospace;padding:0 3px;white-space:nowrap';
+      frame.appendChild(tag);
+      root.appendChild(frame);
+      ++count;
+    }
+    document.documentElement.appendChild(host);
+    labelsHost = host;
+    return count;
+  };
+  const removeLabels = () => {
+    if (labelsHost) labelsHost.remove();
+    labelsHost = null;
+    return true;
+  };
+  // An element's box in the page (CSS px from its top left), scrolled into view, for a picture.
+  const pictureBox = (number) => {
+    const found = element(number);
+    if (!found) return { gone: true };
+    found.scrollIntoView({ block: 'center', inline: 'center', behavior: 'instant' });
+    const box = boxInTop(found);
+    return { x: box.left + scrollX, y: box.top + scrollY, width: box.width, height: box.height };
+  };
+
   globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
-    scrolled, label, element };
+    scrolled, label, element, drawLabels, removeLabels, pictureBox };
 })()
