@@ -212,7 +212,6 @@ Chromium::Chromium(const std::string& program, const std::vector<std::string>& s
   }
   std::vector<std::string> words = {program};
   words.insert(words.end(), switches.begin(), switches.end());
-  words.push_back("about:blank");
   std::vector<char*> argv;
   for (auto& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);

@@ -2,6 +2,9 @@
 // through nurel and nurel mcp, against real Chromium.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
 #include <regex>
 
 #include "link/json.h"
@@ -344,6 +347,42 @@ TEST(Acting, ScreenshotsLabelWhatCanBeActedOnAndLeaveNothingBehind) {
   EXPECT_NE(content[1]["text"].get<std::string>().find("button \"Big button\" [ref=" + button + "]"),
             std::string::npos);
   EXPECT_EQ(mcp.finish(), 0);
+}
+
+// Real pages, saved: every link, button and field a person can see has a ref in the full
+// snapshot; the sizes are printed for the record (the benchmark compares them with others').
+TEST(Acting, SavedRealPagesHaveARefOnEverythingToActOn) {
+  std::string folder = NUREL_TEST_DIR "/../../shared/pages";
+  if (!std::filesystem::exists(folder)) GTEST_SKIP() << "no saved pages beside the repository";
+  std::vector<std::string> names;
+  for (auto& entry : std::filesystem::directory_iterator(folder))
+    if (entry.path().extension() == ".html") names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  ASSERT_FALSE(names.empty());
+  std::printf("%-18s %12s %12s %8s\n", "page", "full bytes", "interactive", "refs");
+  // What a person can act on, counted by the page itself.
+  const std::string count =
+      "return [...document.querySelectorAll('a[href], button, input:not([type=hidden]), select, "
+      "textarea')].filter((e) => e.checkVisibility({visibilityProperty: true}) && "
+      "!e.closest('[aria-hidden=true]') && e.getClientRects().length).length";
+  for (const std::string& name : names) {
+    servePage("/saved/" + name, fileText(folder + "/" + name));
+    Outcome opened = shared().nurel({"open", url("/saved/" + name)});
+    ASSERT_EQ(opened.status, 0) << name << ": " << opened.err;
+    std::string tab = opened.out.substr(0, opened.out.find(' '));
+    Outcome full = shared().nurel({"snapshot", tab, "--file", shared().file("full.txt")});
+    ASSERT_EQ(full.status, 0) << name << ": " << full.err;
+    std::string text = fileText(shared().file("full.txt"));
+    Outcome interactive = shared().nurel({"snapshot", tab, "--interactive", "--file", shared().file("i.txt")});
+    ASSERT_EQ(interactive.status, 0) << interactive.err;
+    size_t refs = 0;
+    for (size_t at = 0; (at = text.find("[ref=e", at)) != std::string::npos; ++at) ++refs;
+    size_t visible = std::stoul(shared().nurel({"eval", tab, count}).out);
+    std::printf("%-18s %12zu %12zu %8zu\n", name.c_str(), text.size(),
+                fileText(shared().file("i.txt")).size(), refs);
+    EXPECT_GE(refs, visible) << name;
+    shared().nurel({"close", tab});
+  }
 }
 
 }  // namespace

@@ -191,12 +191,21 @@ int connectTo(const std::string& path) {
 }
 
 BackEnd::BackEnd(const Env& extra) {
+  // The tests' Chromium resolves no name but this machine's own: pages that name other hosts
+  // (the saved real pages do) get no answer, and nothing leaves the machine.
+  writeTestFile(dir.file("chromium"),
+                "#!/bin/sh\nfor name in chromium chromium-headless-shell; do\n"
+                "  if command -v $name >/dev/null; then exec $name "
+                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1' \"$@\"; fi\n"
+                "done\nexit 127\n",
+                true);
   options.env = {{"NUREL_SOCKET", socket()},
                  {"XDG_DATA_HOME", dir.file("data")},
                  {"NUREL_TIMEOUT", "5"},
                  {"NUREL_IDLE_MINUTES", "10"},
                  {"NUREL_HEADED", std::nullopt},
-                 {"NUREL_ALLOW_FILES", dir.file("allowed")}};
+                 {"NUREL_ALLOW_FILES", dir.file("allowed")},
+                 {"NUREL_CHROMIUM", dir.file("chromium")}};
   for (auto& [name, value] : extra) options.env[name] = value;
   options.timeoutSeconds = 90;
   std::filesystem::create_directories(dir.file("allowed"));

@@ -116,7 +116,14 @@ void HttpServer::serve(int connection) {
       done += size_t(wrote);
     }
   }
+  // Closing with unread bytes would reset the connection and could cut the answer short: say
+  // we are done, then wait for the browser to close its end.
   shutdown(connection, SHUT_WR);
+  for (int waits = 0; waits < 50 && !stopping; ++waits) {
+    pollfd watch{connection, POLLIN, 0};
+    if (poll(&watch, 1, 100) == 0) continue;
+    if (read(connection, block, sizeof block) <= 0) break;
+  }
   close(connection);
 }
 

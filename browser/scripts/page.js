@@ -207,7 +207,7 @@
     if (element.disabled || aria('disabled') === 'true') states.push('disabled');
     if (element.required || aria('required') === 'true') states.push('required');
     if (element.readOnly && (tag === 'input' || tag === 'textarea')) states.push('readonly');
-    if (role === 'link') {
+    if (role === 'link' && !terse) {
       const href = element.getAttribute('href');
       if (href && !href.startsWith('javascript:')) {
         // The page's own addresses without the origin every one of them shares.
@@ -247,9 +247,12 @@
   //   mode: "full", "interactive" (what can be acted on, with the headings and landmarks that
   //   place it) or "viewport" (only what is on the screen).
   let lastActionable = [];
+  // Interactive snapshots leave out links' addresses: what to act on, not where it leads.
+  let terse = false;
   const snapshot = (mode, base) => {
     refs = { base, used: 0 };
     lastActionable = [];
+    terse = mode === 'interactive';
     // Builds the tree: {role, name, states, ref, children, text}.
     const interactiveOnly = mode === 'interactive';
     const viewportOnly = mode === 'viewport';
@@ -318,9 +321,14 @@
       if (!keep) {
         if (role === 'img' && name && !interactiveOnly) out.push({ text: '[image] ' + clip(name, 100) });
         else if ((role === 'paragraph' || role === 'listitem') && !interactiveOnly) {
-          const texts = children.map((c) => c.text).filter(Boolean).join(' ');
-          if (texts) out.push({ text: (role === 'listitem' ? '• ' : '') + texts, block: true });
-          else out.push(...children);
+          if (children.length && children.every((c) => c.text !== undefined)) {
+            const texts = children.map((c) => c.text).join(' ');
+            out.push({ text: (role === 'listitem' ? '• ' : '') + texts, block: true });
+          } else {
+            // Text and links mixed: each as it comes, the text apart from what came before.
+            if (children.length && children[0].text !== undefined) children[0] = { ...children[0], block: true };
+            out.push(...children);
+          }
         } else {
           out.push(...children);
         }
@@ -491,6 +499,7 @@
   // What on the page says `text`: the smallest elements that say it, what can be acted on first.
   const find = (text, base) => {
     refs = { base, used: 0 };
+    terse = false;
     const wanted = squash(text).toLowerCase();
     if (!wanted) return { text: 'nothing to find', used: 0 };
     const matches = [];
