@@ -8,6 +8,8 @@
 #include <optional>
 #include <string_view>
 
+#include "link/text_error.h"
+
 namespace nurel {
 
 using Json = nlohmann::json;
@@ -42,10 +44,10 @@ std::string compactInOrder(const nlohmann::ordered_json& value);
 /// JsonError.
 std::string indented(const Json& value);
 
-/// A JSON text that could not be read or written; `what()` is one lower-case line.
-class JsonError : public std::runtime_error {
+/// A JSON text that could not be read or written; `text()` is one lower-case line.
+class JsonError : public TextError {
  public:
-  using std::runtime_error::runtime_error;
+  using TextError::TextError;
 };
 
 }  // namespace nurel

@@ -341,6 +341,16 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
   EXPECT_EQ(std::string::npos, text.find("json.exception"));
 }
 
+TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
+  FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(std::string("a\0b", 3), error->text());
+}
+
 TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
   FakeBrowser browser({"!close"});
   socketPath = browser.socket();

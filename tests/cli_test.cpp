@@ -129,6 +129,14 @@ TEST(Cli, AReplyThatIsABareNumberFailsToDecode) {
             run.err);
 }
 
+TEST(Cli, TheBrowsersErrorReachesStandardErrorWithItsNulBytes) {
+  FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
+  Outcome run = runNurel({"snapshot", "t1"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(std::string("a\0b\n", 4), run.err);
+  EXPECT_EQ("", run.out);
+}
+
 TEST(Cli, AnEmptyLineBeforeTheReplyFailsToDecode) {
   FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":\"t1\"}\n")"});
   Outcome run = runNurel({"tabs"}, at(browser));
@@ -174,6 +182,15 @@ TEST(Cli, FileSavesTheWholeTextInsteadOfALimitedOne) {
   EXPECT_EQ(0, sent["limit"]);
   EXPECT_TRUE(sent["limit"].is_number_integer());
   EXPECT_FALSE(sent.contains("file"));
+}
+
+TEST(Cli, FileSavesATextHoldingNulBytesWhole) {
+  TempDir dir;
+  FakeBrowser browser({R"({"id":$id,"result":"a\u0000b\n\u0000"})"});
+  Outcome run = runNurel({"text", "t1", "--file", dir.file("nul.txt")}, at(browser));
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("saved 2 lines to " + dir.file("nul.txt") + "\n", run.out);
+  EXPECT_EQ(std::string("a\0b\n\0\n", 6), readFile(dir.file("nul.txt")).value());
 }
 
 TEST(Cli, FileSavesJsonRepliesAsPrinted) {
