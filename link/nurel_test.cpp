@@ -351,6 +351,19 @@ TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
   EXPECT_EQ(std::string("a\0b", 3), error->text());
 }
 
+TEST_F(LinkTest, IntegersBeyond64BitsGoBothWaysDigitForDigit) {
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":18446744073709551617,\"result\":\"not mine\"}\n{\"id\":1,\"result\":{\"n\":-123456789012345678901234567890}}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  Json sent = {{"values", {{"n", largeInteger("18446744073709551616")}}}};
+  EXPECT_EQ(Json({{"n", largeInteger("-123456789012345678901234567890")}}),
+            nurel.call("run", sent));
+  EXPECT_EQ(R"({"id":1,"method":"run","params":{"values":{"n":18446744073709551616}}})",
+            browser.requests().at(0));
+}
+
 TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
   FakeBrowser browser({"!close"});
   socketPath = browser.socket();

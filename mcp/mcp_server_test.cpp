@@ -120,6 +120,19 @@ TEST(McpServer, UnreadableInputGetsNoAnswer) {
   EXPECT_TRUE(server.handle(R"({"id":1,"method":"ping"})"));
 }
 
+TEST(McpServer, IdsBeyond64BitsAreEchoedDigitForDigit) {
+  MCPServer server;
+  for (const std::string id :
+       {"-9223372036854775809", "18446744073709551616", "123456789012345678901234567890"}) {
+    EXPECT_EQ(R"({"id":)" + id + R"(,"jsonrpc":"2.0","result":{}})",
+              server.handle(R"({"jsonrpc":"2.0","method":"ping","id":)" + id + "}"));
+    std::optional<std::string> tools =
+        server.handle(R"({"jsonrpc":"2.0","method":"tools/list","id":)" + id + "}");
+    ASSERT_TRUE(tools);
+    EXPECT_EQ(0u, tools->find(R"({"jsonrpc":"2.0","id":)" + id + ",")) << tools->substr(0, 60);
+  }
+}
+
 TEST(McpServer, TooDeeplyNestedInputGetsNoAnswer) {
   MCPServer server;
   std::string deep = R"({"id":1,"method":"ping","params":)" + std::string(100000, '[') +

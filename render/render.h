@@ -11,7 +11,7 @@ namespace nurel {
 /// A reply as people read it. A string is returned as it is; an array or object as JSON
 /// indented by two spaces with every object's keys sorted bytewise, "/" unescaped, non-ASCII
 /// as UTF-8 and invalid UTF-8 replaced by U+FFFD; anything else in its JSON spelling ("null",
-/// "true", "12.5"). Never fails.
+/// "true", "12.5", a largeInteger() in its own characters). Never fails.
 std::string printed(const Json& value);
 
 /// Writes `text` and one line feed to `path` ("~" expanded, relative to the current folder)

@@ -66,6 +66,12 @@ TEST(Printed, OtherValuesInTheirJsonSpelling) {
   EXPECT_EQ("18446744073709551615", printed(Json::parse("[18446744073709551615]")[0]));
 }
 
+TEST(Printed, IntegersBeyond64BitsInTheirOwnCharacters) {
+  EXPECT_EQ("-9223372036854775809", printed(largeInteger("-9223372036854775809")));
+  EXPECT_EQ("{\n  \"n\": 123456789012345678901234567890\n}",
+            printed(Json{{"n", largeInteger("123456789012345678901234567890")}}));
+}
+
 TEST(Printed, AStringWithNulBytesIsWhole) {
   EXPECT_EQ(std::string("a\0b", 3), printed(std::string("a\0b", 3)));
   EXPECT_EQ("[\n  \"a\\u0000b\"\n]", printed(Json::array({std::string("a\0b", 3)})));

@@ -137,6 +137,33 @@ TEST(Cli, TheBrowsersErrorReachesStandardErrorWithItsNulBytes) {
   EXPECT_EQ("", run.out);
 }
 
+TEST(Cli, ValuesAndBatchSendIntegersBeyond64BitsDigitForDigit) {
+  FakeBrowser browser;
+  std::vector<std::string> run{"run", "t1", "s", "--values", R"({"n":-9223372036854775809})"};
+  std::vector<std::string> batch{"batch", "t1", R"([{"do":"scroll","dy":18446744073709551616}])"};
+  EXPECT_EQ(0, runNurel(run, at(browser)).status);
+  EXPECT_EQ(0, runNurel(batch, at(browser)).status);
+  auto requests = browser.requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(
+      R"({"id":1,"method":"run","params":{"scenario":"s","tab":"t1","values":{"n":-9223372036854775809}}})",
+      requests[0]);
+  EXPECT_EQ(
+      R"({"id":1,"method":"batch","params":{"actions":[{"do":"scroll","dy":18446744073709551616}],"tab":"t1"}})",
+      requests[1]);
+}
+
+TEST(Cli, RepliesShowIntegersBeyond64BitsDigitForDigit) {
+  FakeBrowser browser({R"({"id":$id,"result":{"n":123456789012345678901234567890}})",
+                       R"({"id":$id,"result":-123456789012345678901234567890})"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ("{\n  \"n\": 123456789012345678901234567890\n}\n", run.out);
+  run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ("-123456789012345678901234567890\n", run.out);
+}
+
 TEST(Cli, AnEmptyLineBeforeTheReplyFailsToDecode) {
   FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":\"t1\"}\n")"});
   Outcome run = runNurel({"tabs"}, at(browser));
