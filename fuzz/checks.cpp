@@ -69,8 +69,10 @@ std::string shortened(std::string_view text) {
   return std::string(text.substr(0, 300)) + (text.size() > 300 ? "..." : "");
 }
 
-// Parses like a reader of this program: a document at most `maxDepth` deep, or nothing.
+// Parses like a reader of this program: a document at most `maxDepth` deep, or nothing. A NUL
+// byte is in no JSON text, though nlohmann's reader stops at one as at the end.
 bool readable(std::string_view text, Json& value) {
+  if (text.find('\0') != std::string_view::npos) return false;
   int deepest = 0;
   auto depth = [&deepest](int level, Json::parse_event_t, Json&) {
     deepest = std::max(deepest, level);

@@ -4,8 +4,8 @@
 // fast path that moves long runs of plain characters many bytes at a time. nlohmann/json stays
 // the reference: the fast reader hands everything unusual (any error, a number out of range,
 // deep nesting) to nlohmann's parser, and the writer hands it strings that are not valid UTF-8,
-// so results and messages are nlohmann's own, with one exception that keeps every byte exact:
-// an integer beyond 64 bits keeps its characters.
+// so results and messages are nlohmann's own, with two exceptions that keep every byte exact:
+// an integer beyond 64 bits keeps its characters, and a NUL byte does not end the text.
 #include "link/json.h"
 
 #include <cerrno>
@@ -135,14 +135,21 @@ class Builder : public nlohmann::json_sax<Json> {
   std::string pendingKey;
 };
 
-// The reference reader: nlohmann's parser, with the depth limit, one-line messages and large
-// integers kept.
+// The reference reader: nlohmann's parser, with the depth limit, one-line messages, large
+// integers kept, and every byte read.
 Json parseSlowly(std::string_view text) {
   Builder builder;
   if (!Json::sax_parse(text.begin(), text.end(), &builder)) {
     if (builder.error) throw *builder.error;
     throw JsonError("unreadable JSON");
   }
+  // nlohmann's reader ends the text at a NUL byte; here the whole text must be the document,
+  // and a NUL byte, inside a string or out, is never part of one.
+  if (auto* nul = static_cast<const char*>(std::memchr(text.data(), 0, text.size())))
+    throw JsonError(
+        "syntax error while parsing value - invalid literal; last read: '<U+0000>'; expected end "
+        "of input (at byte " +
+        std::to_string(nul - text.data() + 1) + ")");
   if (builder.tooDeep)
     throw JsonError("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
   return std::move(builder.root);

@@ -19,8 +19,10 @@ using Json = nlohmann::json;
 inline constexpr int maxDepth = 512;
 
 /// Parses `text` as a JSON document whose top level is an object or an array, as nlohmann's
-/// parser does (a repeated key keeps its last value); an integer beyond 64 bits becomes a
-/// largeInteger(). Throws `JsonError` with a one-line, lower-case reason when it is not one.
+/// parser does (a repeated key keeps its last value), but with every byte of `text` read: a NUL
+/// byte after the document is an error, where nlohmann stops reading at it. An integer beyond
+/// 64 bits becomes a largeInteger(). Throws `JsonError` with a one-line, lower-case reason
+/// when `text` is not such a document.
 Json parseDocument(std::string_view text);
 
 /// An integer beyond 64 bits (below -2^63 or above 2^64 - 1), held as the characters it was

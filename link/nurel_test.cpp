@@ -341,6 +341,18 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
   EXPECT_EQ(std::string::npos, text.find("json.exception"));
 }
 
+TEST_F(LinkTest, ANulByteAfterTheReplyMakesTheLineUnreadable) {
+  // A NUL byte does not end the line: what follows it is part of the line, and no JSON.
+  FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(std::string("couldn't read a reply from Nurel: syntax error while parsing value - "
+                        "invalid literal; last read: '<U+0000>'; expected end of input (at byte "
+                        "24)"),
+            unreadable(nurel));
+}
+
 TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
   FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
   socketPath = browser.socket();

@@ -129,6 +129,18 @@ TEST(Cli, AReplyThatIsABareNumberFailsToDecode) {
             run.err);
 }
 
+TEST(Cli, ANulByteAfterTheReplyFailsToDecode) {
+  // The NUL byte does not end the line: the line is the reply and what follows it, no JSON.
+  FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(
+      "couldn't read a reply from Nurel: syntax error while parsing value - invalid literal; "
+      "last read: '<U+0000>'; expected end of input (at byte 24)\n",
+      run.err);
+  EXPECT_EQ("", run.out);
+}
+
 TEST(Cli, TheBrowsersErrorReachesStandardErrorWithItsNulBytes) {
   FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
   Outcome run = runNurel({"snapshot", "t1"}, at(browser));
