@@ -62,7 +62,7 @@ std::optional<std::string_view> integerCharacters(const Value& value) {
 
 // Builds the value from nlohmann's parser events: nlohmann's own values would hold an integer
 // beyond 64 bits as a double, while its event for such a number still carries the characters.
-// `depth` counts as nlohmann's parser callbacks count it: the arrays and objects around.
+// Nesting is counted as nlohmann's parser callbacks count it: the arrays and objects around.
 class Builder : public nlohmann::json_sax<Json> {
  public:
   Json root;
@@ -409,13 +409,18 @@ class FastReader {
       uint64_t n;
       if (std::from_chars(start, at, n).ec == std::errc()) return out = n, true;
     }
-    // An integer beyond 64 bits keeps its characters.
-    if (integral) return out = largeInteger(std::string_view(start, size_t(at - start))), true;
-    // Out of range either way (1e999, 1e-999) is nlohmann's to judge.
+    // Out of range either way (1e999, 1e-999) is nlohmann's to judge; so is an integer beyond
+    // even a double's range, which nlohmann refuses as it refuses 1e999.
+    std::string_view text(start, size_t(at - start));
     bool outOfRange = false;
-    std::optional<double> d = readDecimal(std::string_view(start, size_t(at - start)), outOfRange);
+    std::optional<double> d = readDecimal(text, outOfRange);
     if (!d || outOfRange) return false;
-    out = *d;
+    // Any other integer beyond 64 bits keeps its characters.
+    if (integral) {
+      out = largeInteger(text);
+    } else {
+      out = *d;
+    }
     return true;
   }
 

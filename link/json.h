@@ -28,7 +28,8 @@ Json parseDocument(std::string_view text);
 /// An integer beyond 64 bits (below -2^63 or above 2^64 - 1), held as the characters it was
 /// written with (`text`: a JSON integer, "-" and digits), so that it is written back exactly:
 /// ids are echoed and arguments reach the browser digit for digit. parseDocument() makes one
-/// for every such integer; the writers below and printed() write its characters.
+/// for every such integer within a double's range (beyond it, as for 1e999, the text is not
+/// read); the writers below and printed() write its characters.
 ///
 /// Why a binary value: nlohmann keeps integers in 64 bits and reads longer ones as doubles,
 /// and it has no number type that keeps text. Its binary value is the one kind that JSON text

@@ -250,6 +250,21 @@ TEST(JsonRead, IntegersBeyond64BitsKeepTheirCharacters) {
   }
 }
 
+TEST(JsonRead, AnIntegerBeyondADoublesRangeIsRefusedAsNlohmannRefusesIt) {
+  // 309 digits are still within a double's range; 310 are not, as 1e999 is not.
+  const std::string within = "1" + std::string(308, '0'), beyond = within + "0";
+  for (const char* mark : {"", "\xEF\xBB\xBF"}) {
+    EXPECT_EQ(within, characters(parseDocument(mark + ("[" + within + "]"))[0]));
+    try {
+      parseDocument(mark + ("[" + beyond + "]"));
+      ADD_FAILURE() << "read";
+    } catch (const JsonError& error) {
+      EXPECT_EQ(0u, std::string(error.what()).find("number overflow parsing '1000"))
+          << error.what();
+    }
+  }
+}
+
 TEST(JsonRead, ALargeIntegerIsItsCharactersAndNothingElse) {
   Json value = parseDocument("[18446744073709551616]")[0];
   EXPECT_EQ(largeInteger("18446744073709551616"), value);
