@@ -231,6 +231,18 @@ TEST(Rules, ValuesTakesAnObject) {
         << values;
 }
 
+TEST(Rules, ValuesAndActionsKeepIntegersBeyond64Bits) {
+  // Written as the request will be: every digit as typed; a number that is not an integer is a
+  // double as before.
+  auto request = [](const std::string& command, std::vector<std::string> words) {
+    return compact(requestParams(*findCommand(command), words));
+  };
+  EXPECT_EQ(R"({"scenario":"s","tab":"t1","values":{"n":-9223372036854775809,"x":1e+300}})",
+            request("run", {"t1", "s", "--values", R"({"n":-9223372036854775809,"x":1e300})"}));
+  EXPECT_EQ(R"({"actions":[{"do":"scroll","dy":18446744073709551616}],"tab":"t1"})",
+            request("batch", {"t1", R"([{"do":"scroll","dy":18446744073709551616}])"}));
+}
+
 TEST(Rules, OptionRulesRunAfterTheCommandRules) {
   // The option rules look at what the command rules left: a request given to any command.
   EXPECT_EQ(json(R"({"tab":"t1","level":"warn","limit":3,"request":2,"labels":false})"),

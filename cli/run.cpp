@@ -96,7 +96,8 @@ void request(const Command& command, std::span<const std::string> arguments) {
       saveScreenshot(nurel, params);
     else
       answer(nurel, command, std::move(params));
-  } catch (const NurelError& error) {
+  } catch (const TextError& error) {
+    // The link's, the reader's and the file writer's errors: their texts whole, NUL bytes and all.
     fail(error.text());
   } catch (const std::bad_alloc&) {
     fail("out of memory");

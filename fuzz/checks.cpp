@@ -69,8 +69,10 @@ std::string shortened(std::string_view text) {
   return std::string(text.substr(0, 300)) + (text.size() > 300 ? "..." : "");
 }
 
-// Parses like a reader of this program: a document at most `maxDepth` deep, or nothing.
+// Parses like a reader of this program: a document at most `maxDepth` deep, or nothing. A NUL
+// byte is in no JSON text, though nlohmann's reader stops at one as at the end.
 bool readable(std::string_view text, Json& value) {
+  if (text.find('\0') != std::string_view::npos) return false;
   int deepest = 0;
   auto depth = [&deepest](int level, Json::parse_event_t, Json&) {
     deepest = std::max(deepest, level);
@@ -78,6 +80,26 @@ bool readable(std::string_view text, Json& value) {
   };
   value = Json::parse(text.begin(), text.end(), depth, false);
   return !value.is_discarded() && deepest <= maxDepth;
+}
+
+// `value` with each large integer as nlohmann reads its characters, a double: what nlohmann
+// reads back from a text that holds the value.
+Json asNlohmannReadsIt(const Json& value) {
+  if (auto text = largeIntegerText(value)) return Json::parse(*text);
+  Json out = value;
+  if (value.is_structured())
+    for (auto& member : out) member = asNlohmannReadsIt(member);
+  return out;
+}
+
+// Whether `text` reads back, with this program's reader, as `value` itself: large integers
+// with all their digits.
+bool readsBackExactly(const std::string& text, const Json& value) {
+  try {
+    return parseDocument(text) == value;
+  } catch (const JsonError&) {
+    return false;
+  }
 }
 
 bool stringsValid(const Json& value) {
@@ -146,7 +168,10 @@ std::string checkCommandLine(const uint8_t* data, size_t size) {
       return "parameters from valid UTF-8 arguments could not be serialised";
     }
     Json back = Json::parse(text, nullptr, false);
-    if (back != params) return "the parameters do not read back as themselves: " + shortened(text);
+    if (back != asNlohmannReadsIt(params))
+      return "the parameters do not read back as themselves: " + shortened(text);
+    if (!readsBackExactly(text, params))
+      return "the parameters do not read back exactly: " + shortened(text);
     return "";
   } catch (const UsageError&) {
     return "";
@@ -161,7 +186,8 @@ std::string checkCommandLine(const uint8_t* data, size_t size) {
 
 namespace {
 
-std::string checkAnswer(const Json& request, const std::optional<std::string>& answer) {
+std::string checkAnswer(std::string_view line, const Json& request,
+                        const std::optional<std::string>& answer) {
   bool wanted = request.is_object() && !request.empty() && request.contains("id");
   if (!wanted) return answer ? "an answer to a line that wants none: " + shortened(*answer) : "";
   if (!answer) return "no answer to a request with an id";
@@ -172,6 +198,13 @@ std::string checkAnswer(const Json& request, const std::optional<std::string>& a
   if (reply.value("jsonrpc", Json()) != "2.0") return "an answer without \"jsonrpc\": \"2.0\"";
   if (!reply.contains("id") || reply["id"] != request["id"])
     return "an answer with another id: " + shortened(*answer);
+  // nlohmann reads an id beyond 64 bits as a double: the answer must hold it digit for digit.
+  try {
+    if (parseDocument(*answer)["id"] != parseDocument(line)["id"])
+      return "an answer whose id differs in its digits: " + shortened(*answer);
+  } catch (const JsonError&) {
+    return "an answer to a line this program cannot read: " + shortened(*answer);
+  }
   bool result = reply.contains("result"), error = reply.contains("error");
   if (reply.size() != 3 || result == error)
     return "an answer without exactly one of result and error: " + shortened(*answer);
@@ -210,7 +243,7 @@ std::string checkMcpLines(const uint8_t* data, size_t size) {
     } catch (...) {
       return "an exception that is not a std::exception";
     }
-    std::string problem = checkAnswer(request, answer);
+    std::string problem = checkAnswer(line, request, answer);
     if (!problem.empty()) return problem + " (line: " + shortened(line) + ")";
   }
   return "";
@@ -438,9 +471,16 @@ std::string checkPrinted(const uint8_t* data, size_t size) {
   Json back = Json::parse(text, nullptr, false);
   if (back.is_discarded()) return "printed text that does not parse: " + shortened(text);
   if (!value.is_structured())
-    return back == value ? "" : "a scalar printed as another value: " + shortened(text);
-  if (stringsValid(value))
-    return back == value ? "" : "printed text that reads back as another value: " + shortened(text);
+    return back == asNlohmannReadsIt(value)
+               ? ""
+               : "a scalar printed as another value: " + shortened(text);
+  if (stringsValid(value)) {
+    if (back != asNlohmannReadsIt(value))
+      return "printed text that reads back as another value: " + shortened(text);
+    return readsBackExactly(text, value)
+               ? ""
+               : "printed text that does not read back exactly: " + shortened(text);
+  }
   return back.type() == value.type() ? "" : "printed text of another type: " + shortened(text);
 }
 

@@ -17,7 +17,8 @@ std::string expandTilde(const std::string& path) {
   std::string home;
   if (name.empty()) {
     home = homeDirectory();
-  } else {
+  } else if (name.find('\0') == std::string::npos) {
+    // A name holding a NUL byte is nobody's, while the system would read it only up to that byte.
     std::vector<char> scratch(16384);
     passwd entry{};
     passwd* found = nullptr;

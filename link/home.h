@@ -11,7 +11,8 @@ namespace nurel {
 std::string homeDirectory();
 
 /// Expands a leading "~" ("~" alone, "~/...") to the home folder and "~name" or "~name/..."
-/// to that user's home; an unknown user, or any other path, is returned unchanged.
+/// to that user's home; an unknown user (a name holding a NUL byte is nobody's), or any other
+/// path, is returned unchanged.
 std::string expandTilde(const std::string& path);
 
 /// `path` with "~" expanded, made absolute against the current folder, with "." components

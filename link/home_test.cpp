@@ -51,6 +51,12 @@ TEST_F(Home, AnUnknownUserLeavesThePathAsItIs) {
   EXPECT_EQ("~no-such-user-here/x", expandTilde("~no-such-user-here/x"));
 }
 
+TEST_F(Home, ANameWithANulByteIsNobodys) {
+  // The password database would read "root" and miss the rest of the name.
+  std::string path("~root\0x/y.txt", 13);
+  EXPECT_EQ(path, expandTilde(path));
+}
+
 TEST_F(Home, OtherPathsAreLeftAlone) {
   EXPECT_EQ("a/~/b", expandTilde("a/~/b"));
   EXPECT_EQ("/abs/~", expandTilde("/abs/~"));

@@ -4,7 +4,8 @@
 // fast path that moves long runs of plain characters many bytes at a time. nlohmann/json stays
 // the reference: the fast reader hands everything unusual (any error, a number out of range,
 // deep nesting) to nlohmann's parser, and the writer hands it strings that are not valid UTF-8,
-// so results and messages are nlohmann's own in every case.
+// so results and messages are nlohmann's own, with two exceptions that keep every byte exact:
+// an integer beyond 64 bits keeps its characters, and a NUL byte does not end the text.
 #include "link/json.h"
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "link/large_memory.h"
 
@@ -47,24 +49,110 @@ std::string reason(const nlohmann::json::exception& error) {
   return out;
 }
 
-// The reference reader: nlohmann's parser, with the depth limit and one-line messages.
-Json parseSlowly(std::string_view text) {
+// Marks a binary value as the characters of a largeInteger(); any other subtype is not one.
+constexpr std::uint64_t integerText = 0x6e756d;  // "num"
+
+template <typename Value>
+std::optional<std::string_view> integerCharacters(const Value& value) {
+  if (!value.is_binary()) return std::nullopt;
+  const auto& bytes = value.get_binary();
+  if (!bytes.has_subtype() || bytes.subtype() != integerText) return std::nullopt;
+  return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+// Builds the value from nlohmann's parser events: nlohmann's own values would hold an integer
+// beyond 64 bits as a double, while its event for such a number still carries the characters.
+// Nesting is counted as nlohmann's parser callbacks count it: the arrays and objects around.
+class Builder : public nlohmann::json_sax<Json> {
+ public:
+  Json root;
   bool tooDeep = false;
-  auto guard = [&tooDeep](int depth, nlohmann::json::parse_event_t, Json&) {
-    if (depth > maxDepth) tooDeep = true;
-    return true;
-  };
-  Json value;
-  try {
-    value = Json::parse(text.begin(), text.end(), guard);
-  } catch (const nlohmann::json::parse_error& error) {
-    throw JsonError(reason(error) + " (at byte " + std::to_string(error.byte) + ")");
-  } catch (const nlohmann::json::exception& error) {
-    // A number too large for a double ("1e999") is refused as out of range, not as a parse error.
-    throw JsonError(reason(error));
+  std::optional<JsonError> error;
+
+  bool null() override { return put(nullptr); }
+  bool boolean(bool value) override { return put(value); }
+  bool number_integer(number_integer_t value) override { return put(value); }
+  bool number_unsigned(number_unsigned_t value) override { return put(value); }
+  bool number_float(number_float_t value, const string_t& text) override {
+    bool integral = text.find_first_of(".eE") == string_t::npos;
+    return put(integral ? largeInteger(text) : Json(value));
   }
-  if (tooDeep) throw JsonError("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
-  return value;
+  bool string(string_t& value) override { return put(std::move(value)); }
+  bool binary(binary_t&) override { return false; }  // JSON text has none
+  bool start_object(std::size_t) override { return open(Json::object()); }
+  bool start_array(std::size_t) override { return open(Json::array()); }
+  bool key(string_t& name) override {
+    deeper();
+    pendingKey = std::move(name);
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const Json::exception& failure) override {
+    // A number too large for a double ("1e999") is refused as out of range, not as a parse error.
+    auto* syntax = dynamic_cast<const Json::parse_error*>(&failure);
+    error = JsonError(syntax ? reason(failure) + " (at byte " + std::to_string(syntax->byte) + ")"
+                             : reason(failure));
+    return false;
+  }
+
+ private:
+  void deeper() {
+    if (stack.size() > size_t(maxDepth)) tooDeep = true;
+  }
+  // Places `value` where the parser is, and gives its address there.
+  Json* place(Json value) {
+    deeper();
+    if (stack.empty()) {
+      root = std::move(value);
+      return &root;
+    }
+    Json& parent = *stack.back();
+    if (parent.is_array()) {
+      auto& items = parent.get_ref<Json::array_t&>();
+      items.push_back(std::move(value));
+      return &items.back();
+    }
+    // A repeated key keeps its last value, as nlohmann does.
+    auto& members = parent.get_ref<Json::object_t&>();
+    return &members.insert_or_assign(std::move(pendingKey), std::move(value)).first->second;
+  }
+  bool put(Json value) {
+    place(std::move(value));
+    return true;
+  }
+  bool open(Json container) {
+    stack.push_back(place(std::move(container)));
+    return true;
+  }
+  bool close() {
+    stack.pop_back();
+    return true;
+  }
+
+  // The open arrays and objects, outermost first; each stays where it is while it is open.
+  std::vector<Json*> stack;
+  std::string pendingKey;
+};
+
+// The reference reader: nlohmann's parser, with the depth limit, one-line messages, large
+// integers kept, and every byte read.
+Json parseSlowly(std::string_view text) {
+  Builder builder;
+  if (!Json::sax_parse(text.begin(), text.end(), &builder)) {
+    if (builder.error) throw *builder.error;
+    throw JsonError("unreadable JSON");
+  }
+  // nlohmann's reader ends the text at a NUL byte; here the whole text must be the document,
+  // and a NUL byte, inside a string or out, is never part of one.
+  if (auto* nul = static_cast<const char*>(std::memchr(text.data(), 0, text.size())))
+    throw JsonError(
+        "syntax error while parsing value - invalid literal; last read: '<U+0000>'; expected end "
+        "of input (at byte " +
+        std::to_string(nul - text.data() + 1) + ")");
+  if (builder.tooDeep)
+    throw JsonError("JSON nested deeper than " + std::to_string(maxDepth) + " levels");
+  return std::move(builder.root);
 }
 
 // Sixteen bytes looked at together; GCC and Clang turn the operations into SSE2 or NEON.
@@ -287,7 +375,7 @@ class FastReader {
   }
 
   // Numbers as nlohmann reads them: an integer without a minus sign is unsigned, one with it
-  // signed, anything else (and an integer out of range) a double.
+  // signed, anything else a double; but an integer beyond 64 bits is a largeInteger().
   bool number(Json& out) {
     const char* start = at;
     auto digits = [this] {
@@ -321,11 +409,18 @@ class FastReader {
       uint64_t n;
       if (std::from_chars(start, at, n).ec == std::errc()) return out = n, true;
     }
-    // Out of range either way (1e999, 1e-999) is nlohmann's to judge.
+    // Out of range either way (1e999, 1e-999) is nlohmann's to judge; so is an integer beyond
+    // even a double's range, which nlohmann refuses as it refuses 1e999.
+    std::string_view text(start, size_t(at - start));
     bool outOfRange = false;
-    std::optional<double> d = readDecimal(std::string_view(start, size_t(at - start)), outOfRange);
+    std::optional<double> d = readDecimal(text, outOfRange);
     if (!d || outOfRange) return false;
-    out = *d;
+    // Any other integer beyond 64 bits keeps its characters.
+    if (integral) {
+      out = largeInteger(text);
+    } else {
+      out = *d;
+    }
     return true;
   }
 
@@ -358,6 +453,12 @@ class Writer {
         return integer(v.template get<int64_t>());
       case Json::value_t::number_unsigned:
         return integer(v.template get<uint64_t>());
+      case Json::value_t::binary:
+        if (auto text = integerCharacters(v)) {
+          out += *text;
+          return;
+        }
+        [[fallthrough]];
       default:
         // Doubles, whose shortest form is nlohmann's business, and binary values.
         out += v.dump();
@@ -521,6 +622,14 @@ std::optional<double> readDecimal(std::string_view text, bool& outOfRange) {
   if (stop != terminated + text.size()) return std::nullopt;
   outOfRange = errno == ERANGE;
   return value;
+}
+
+Json largeInteger(std::string_view text) {
+  return Json::binary(Json::binary_t::container_type(text.begin(), text.end()), integerText);
+}
+
+std::optional<std::string_view> largeIntegerText(const Json& value) {
+  return integerCharacters(value);
 }
 
 Json parseDocument(std::string_view text) {

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string_view>
 
+#include "link/text_error.h"
+
 namespace nurel {
 
 using Json = nlohmann::json;
@@ -17,9 +19,27 @@ using Json = nlohmann::json;
 inline constexpr int maxDepth = 512;
 
 /// Parses `text` as a JSON document whose top level is an object or an array, as nlohmann's
-/// parser does (a repeated key keeps its last value). Throws `JsonError` with a one-line,
-/// lower-case reason when it is not one.
+/// parser does (a repeated key keeps its last value), but with every byte of `text` read: a NUL
+/// byte after the document is an error, where nlohmann stops reading at it. An integer beyond
+/// 64 bits becomes a largeInteger(). Throws `JsonError` with a one-line, lower-case reason
+/// when `text` is not such a document.
 Json parseDocument(std::string_view text);
+
+/// An integer beyond 64 bits (below -2^63 or above 2^64 - 1), held as the characters it was
+/// written with (`text`: a JSON integer, "-" and digits), so that it is written back exactly:
+/// ids are echoed and arguments reach the browser digit for digit. parseDocument() makes one
+/// for every such integer within a double's range (beyond it, as for 1e999, the text is not
+/// read); the writers below and printed() write its characters.
+///
+/// Why a binary value: nlohmann keeps integers in 64 bits and reads longer ones as doubles,
+/// and it has no number type that keeps text. Its binary value is the one kind that JSON text
+/// never yields (only its CBOR and MessagePack readers make one, and this program uses
+/// neither), so holding the characters there, under a subtype of its own, cannot be mistaken
+/// for anything read from JSON: a string stays a string, and two such integers are equal
+/// exactly when their characters are.
+Json largeInteger(std::string_view text);
+/// The characters of an integer made by largeInteger(); nothing for any other value.
+std::optional<std::string_view> largeIntegerText(const Json& value);
 
 /// Reads all of `text`, the characters of a decimal number (digits, ".", "e", signs; the caller
 /// keeps other characters out), into the nearest double. Empty when it is not one number.
@@ -42,10 +62,10 @@ std::string compactInOrder(const nlohmann::ordered_json& value);
 /// JsonError.
 std::string indented(const Json& value);
 
-/// A JSON text that could not be read or written; `what()` is one lower-case line.
-class JsonError : public std::runtime_error {
+/// A JSON text that could not be read or written; `text()` is one lower-case line.
+class JsonError : public TextError {
  public:
-  using std::runtime_error::runtime_error;
+  using TextError::TextError;
 };
 
 }  // namespace nurel

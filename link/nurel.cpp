@@ -118,7 +118,7 @@ Json Nurel::call(const std::string& method, const Json& params) {
       reply = parseDocument(std::string_view(buffer.data(), length));
     } catch (const JsonError& error) {
       dropLine(length);
-      throw JsonError("couldn't read a reply from " + dataName + ": " + error.what());
+      throw JsonError("couldn't read a reply from " + dataName + ": " + error.text());
     } catch (...) {
       dropLine(length);
       throw;

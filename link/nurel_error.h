@@ -1,15 +1,16 @@
 // link/nurel_error.h: what goes wrong between this program and the browser.
 #pragma once
 
-#include <stdexcept>
 #include <string>
+
+#include "link/text_error.h"
 
 namespace nurel {
 
 /// An error of the browser link. `message` carries the browser's own error text; `lost`
 /// means the socket could not be reached, written or read, so the caller must connect again
-/// before its next call. Both are shown to people by their `text()`.
-class NurelError : public std::runtime_error {
+/// before its next call. Both are shown to people by their `text()`, every byte of it.
+class NurelError : public TextError {
  public:
   enum class Kind { message, lost };
 
@@ -18,10 +19,9 @@ class NurelError : public std::runtime_error {
 
   Kind kind() const { return which; }
   bool isLost() const { return which == Kind::lost; }
-  std::string text() const { return what(); }
 
  private:
-  NurelError(Kind kind, std::string text) : std::runtime_error(std::move(text)), which(kind) {}
+  NurelError(Kind kind, std::string text) : TextError(std::move(text)), which(kind) {}
   Kind which;
 };
 

@@ -341,6 +341,41 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
   EXPECT_EQ(std::string::npos, text.find("json.exception"));
 }
 
+TEST_F(LinkTest, ANulByteAfterTheReplyMakesTheLineUnreadable) {
+  // A NUL byte does not end the line: what follows it is part of the line, and no JSON.
+  FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  EXPECT_EQ(std::string("couldn't read a reply from Nurel: syntax error while parsing value - "
+                        "invalid literal; last read: '<U+0000>'; expected end of input (at byte "
+                        "24)"),
+            unreadable(nurel));
+}
+
+TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
+  FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  std::optional<NurelError> error = callFailure(nurel);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(std::string("a\0b", 3), error->text());
+}
+
+TEST_F(LinkTest, IntegersBeyond64BitsGoBothWaysDigitForDigit) {
+  FakeBrowser browser(
+      {R"(!bytes "{\"id\":18446744073709551617,\"result\":\"not mine\"}\n{\"id\":1,\"result\":{\"n\":-123456789012345678901234567890}}\n")"});
+  socketPath = browser.socket();
+  Nurel nurel(launch);
+  nurel.connect();
+  Json sent = {{"values", {{"n", largeInteger("18446744073709551616")}}}};
+  EXPECT_EQ(Json({{"n", largeInteger("-123456789012345678901234567890")}}),
+            nurel.call("run", sent));
+  EXPECT_EQ(R"({"id":1,"method":"run","params":{"values":{"n":18446744073709551616}}})",
+            browser.requests().at(0));
+}
+
 TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
   FakeBrowser browser({"!close"});
   socketPath = browser.socket();

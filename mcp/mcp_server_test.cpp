@@ -120,6 +120,37 @@ TEST(McpServer, UnreadableInputGetsNoAnswer) {
   EXPECT_TRUE(server.handle(R"({"id":1,"method":"ping"})"));
 }
 
+TEST(McpServer, ANulByteAfterTheMessageMakesTheLineUnreadable) {
+  // A NUL byte is no end of the line: the line is the message and what follows, no JSON.
+  FakeBrowser browser;
+  ScopedSocket scoped(browser.socket());
+  MCPServer server;
+  const std::string call =
+      R"({"jsonrpc":"2.0","id":31,"method":"tools/call","params":{"name":"list_tabs"}})";
+  for (const std::string& line :
+       {R"({"jsonrpc":"2.0","id":30,"method":"ping"})" + std::string("\0junk", 5),
+        R"({"jsonrpc":"2.0","id":30,"method":"ping"})" + std::string("\0", 1),
+        R"({"jsonrpc":"2.0","id":30,"method":"ping"} )" + std::string("\0", 1),
+        call + std::string("\0junk", 5)})
+    EXPECT_FALSE(server.handle(line)) << line;
+  EXPECT_TRUE(browser.requests().empty());
+  EXPECT_TRUE(server.handle(call));
+  EXPECT_EQ(1u, browser.requests().size());
+}
+
+TEST(McpServer, IdsBeyond64BitsAreEchoedDigitForDigit) {
+  MCPServer server;
+  for (const std::string id :
+       {"-9223372036854775809", "18446744073709551616", "123456789012345678901234567890"}) {
+    EXPECT_EQ(R"({"id":)" + id + R"(,"jsonrpc":"2.0","result":{}})",
+              server.handle(R"({"jsonrpc":"2.0","method":"ping","id":)" + id + "}"));
+    std::optional<std::string> tools =
+        server.handle(R"({"jsonrpc":"2.0","method":"tools/list","id":)" + id + "}");
+    ASSERT_TRUE(tools);
+    EXPECT_EQ(0u, tools->find(R"({"jsonrpc":"2.0","id":)" + id + ",")) << tools->substr(0, 60);
+  }
+}
+
 TEST(McpServer, TooDeeplyNestedInputGetsNoAnswer) {
   MCPServer server;
   std::string deep = R"({"id":1,"method":"ping","params":)" + std::string(100000, '[') +
@@ -236,6 +267,26 @@ TEST(McpRun, LargeAnswerIsWrittenWhole) {
                 R"(","type":"text"}]}})",
             got[0]);
   EXPECT_EQ(pong1, got[1]);
+}
+
+TEST(McpRun, TheProgramReadsEveryByteOfALine) {
+  // Through the real program: a NUL byte and what follows it belong to the line, so the line
+  // is unreadable and dropped; an id beyond 64 bits comes back as it was sent.
+  FakeBrowser browser;
+  testing::RunOptions options;
+  options.env["NUREL_SOCKET"] = browser.socket();
+  options.input =
+      R"({"jsonrpc":"2.0","id":30,"method":"ping"})" + std::string("\0junk\n", 6) +
+      R"({"jsonrpc":"2.0","id":31,"method":"tools/call","params":{"name":"list_tabs"}})" +
+      std::string("\0junk\n", 6) +
+      R"({"jsonrpc":"2.0","id":-9223372036854775809,"method":"ping"})" + "\n";
+  auto outcome = testing::runNurel({"mcp"}, options);
+  EXPECT_EQ(0, outcome.status);
+  EXPECT_EQ("", outcome.err);
+  EXPECT_EQ(R"({"id":-9223372036854775809,"jsonrpc":"2.0","result":{}})"
+            "\n",
+            outcome.out);
+  EXPECT_TRUE(browser.requests().empty());
 }
 
 TEST(McpRun, ProgramEndsWithStatusZeroAtEndOfInput) {

@@ -150,6 +150,9 @@ Json MCPServer::call(const std::string& name, const Json& arguments) {
     // After a lost connection the next tool call connects again.
     if (error.isLost()) connected = false;
     return failure(error.text());
+  } catch (const TextError& error) {
+    // A reply that could not be read, a file that could not be written: the text whole.
+    return failure(error.text());
   } catch (const std::bad_alloc&) {
     return failure("out of memory");
   } catch (const std::exception& error) {

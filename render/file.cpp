@@ -65,6 +65,9 @@ bool writeAll(int fd, std::string_view bytes) {
 
 std::string writeFile(const std::string& path, std::string_view bytes) {
   std::string shown = absolutePath(path);
+  // The system reads a path up to its first NUL byte, so "a.txt\0b" would write a.txt: a file
+  // that was not named. No file can be named with one.
+  if (shown.find('\0') != std::string::npos) throw failed(shown, EINVAL);
   std::string target = shown;
   struct stat info {};
   bool exists = lstat(target.c_str(), &info) == 0;

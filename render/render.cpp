@@ -7,6 +7,7 @@ namespace nurel {
 
 std::string printed(const Json& value) {
   if (value.is_string()) return value.get_ref<const std::string&>();
+  if (auto text = largeIntegerText(value)) return std::string(*text);
   try {
     if (value.is_object() || value.is_array()) return indented(value);
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);

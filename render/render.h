@@ -11,7 +11,7 @@ namespace nurel {
 /// A reply as people read it. A string is returned as it is; an array or object as JSON
 /// indented by two spaces with every object's keys sorted bytewise, "/" unescaped, non-ASCII
 /// as UTF-8 and invalid UTF-8 replaced by U+FFFD; anything else in its JSON spelling ("null",
-/// "true", "12.5"). Never fails.
+/// "true", "12.5", a largeInteger() in its own characters). Never fails.
 std::string printed(const Json& value);
 
 /// Writes `text` and one line feed to `path` ("~" expanded, relative to the current folder)
@@ -22,7 +22,8 @@ std::string save(const std::string& text, const std::string& path);
 /// Writes `bytes` to `path` ("~" expanded, relative to the current folder), replacing the file
 /// as a whole: a regular file is written beside the target and renamed over it, so a failure
 /// leaves the old content; a device or pipe is written directly. Returns the absolute path.
-/// Throws FileError ("couldn't write <path>: <reason>").
+/// Throws FileError ("couldn't write <path>: <reason>"; "invalid argument" for a path holding a
+/// NUL byte, which names no file).
 std::string writeFile(const std::string& path, std::string_view bytes);
 
 /// Writes all of `bytes` to descriptor `fd`, retrying short and interrupted writes and waiting
@@ -32,10 +33,10 @@ bool writeAll(int fd, std::string_view bytes);
 /// Waits until `fd` is ready for `events` (POLLIN, POLLOUT), or has failed or been closed.
 void waitFor(int fd, short events);
 
-/// A file that could not be written; `what()` is one lower-case line.
-class FileError : public std::runtime_error {
+/// A file that could not be written; `text()` is one lower-case line, with the path whole.
+class FileError : public TextError {
  public:
-  using std::runtime_error::runtime_error;
+  using TextError::TextError;
 };
 
 }  // namespace nurel

@@ -66,6 +66,17 @@ TEST(Printed, OtherValuesInTheirJsonSpelling) {
   EXPECT_EQ("18446744073709551615", printed(Json::parse("[18446744073709551615]")[0]));
 }
 
+TEST(Printed, IntegersBeyond64BitsInTheirOwnCharacters) {
+  EXPECT_EQ("-9223372036854775809", printed(largeInteger("-9223372036854775809")));
+  EXPECT_EQ("{\n  \"n\": 123456789012345678901234567890\n}",
+            printed(Json{{"n", largeInteger("123456789012345678901234567890")}}));
+}
+
+TEST(Printed, AStringWithNulBytesIsWhole) {
+  EXPECT_EQ(std::string("a\0b", 3), printed(std::string("a\0b", 3)));
+  EXPECT_EQ("[\n  \"a\\u0000b\"\n]", printed(Json::array({std::string("a\0b", 3)})));
+}
+
 TEST(Printed, ControlCharactersAreEscaped) {
   EXPECT_EQ("[\n  \"a\\tb\\u0001\"\n]", printed(Json::array({"a\tb\x01"})));
 }
@@ -160,6 +171,25 @@ TEST_F(Save, ASymbolicLinkIsFollowedNotReplaced) {
   save("new", dir.file("link.txt"));
   EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.txt")));
   EXPECT_EQ("new\n", readFile(dir.file("real.txt")).value());
+}
+
+TEST_F(Save, ATextWithNulBytesIsSavedWhole) {
+  std::string path = dir.file("nul.txt");
+  EXPECT_EQ("saved 2 lines to " + path, save(std::string("a\0b\n\0", 5), path));
+  EXPECT_EQ(std::string("a\0b\n\0\n", 6), readFile(path).value());
+}
+
+TEST_F(Save, APathWithANulByteNamesNoFile) {
+  // The system would read the path only up to the NUL byte, and write another file.
+  std::string path = dir.file(std::string("out.txt\0.png", 12));
+  try {
+    save("x", path);
+    FAIL();
+  } catch (const FileError& error) {
+    EXPECT_EQ("couldn't write " + path + ": invalid argument", error.text());
+  }
+  EXPECT_THROW(writeFile(path, "x"), FileError);
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
 TEST_F(Save, WritesBytesAsTheyAre) {

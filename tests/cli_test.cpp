@@ -129,6 +129,53 @@ TEST(Cli, AReplyThatIsABareNumberFailsToDecode) {
             run.err);
 }
 
+TEST(Cli, ANulByteAfterTheReplyFailsToDecode) {
+  // The NUL byte does not end the line: the line is the reply and what follows it, no JSON.
+  FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(
+      "couldn't read a reply from Nurel: syntax error while parsing value - invalid literal; "
+      "last read: '<U+0000>'; expected end of input (at byte 24)\n",
+      run.err);
+  EXPECT_EQ("", run.out);
+}
+
+TEST(Cli, TheBrowsersErrorReachesStandardErrorWithItsNulBytes) {
+  FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
+  Outcome run = runNurel({"snapshot", "t1"}, at(browser));
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(std::string("a\0b\n", 4), run.err);
+  EXPECT_EQ("", run.out);
+}
+
+TEST(Cli, ValuesAndBatchSendIntegersBeyond64BitsDigitForDigit) {
+  FakeBrowser browser;
+  std::vector<std::string> run{"run", "t1", "s", "--values", R"({"n":-9223372036854775809})"};
+  std::vector<std::string> batch{"batch", "t1", R"([{"do":"scroll","dy":18446744073709551616}])"};
+  EXPECT_EQ(0, runNurel(run, at(browser)).status);
+  EXPECT_EQ(0, runNurel(batch, at(browser)).status);
+  auto requests = browser.requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(
+      R"({"id":1,"method":"run","params":{"scenario":"s","tab":"t1","values":{"n":-9223372036854775809}}})",
+      requests[0]);
+  EXPECT_EQ(
+      R"({"id":1,"method":"batch","params":{"actions":[{"do":"scroll","dy":18446744073709551616}],"tab":"t1"}})",
+      requests[1]);
+}
+
+TEST(Cli, RepliesShowIntegersBeyond64BitsDigitForDigit) {
+  FakeBrowser browser({R"({"id":$id,"result":{"n":123456789012345678901234567890}})",
+                       R"({"id":$id,"result":-123456789012345678901234567890})"});
+  Outcome run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ("{\n  \"n\": 123456789012345678901234567890\n}\n", run.out);
+  run = runNurel({"tabs"}, at(browser));
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ("-123456789012345678901234567890\n", run.out);
+}
+
 TEST(Cli, AnEmptyLineBeforeTheReplyFailsToDecode) {
   FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":\"t1\"}\n")"});
   Outcome run = runNurel({"tabs"}, at(browser));
@@ -174,6 +221,15 @@ TEST(Cli, FileSavesTheWholeTextInsteadOfALimitedOne) {
   EXPECT_EQ(0, sent["limit"]);
   EXPECT_TRUE(sent["limit"].is_number_integer());
   EXPECT_FALSE(sent.contains("file"));
+}
+
+TEST(Cli, FileSavesATextHoldingNulBytesWhole) {
+  TempDir dir;
+  FakeBrowser browser({R"({"id":$id,"result":"a\u0000b\n\u0000"})"});
+  Outcome run = runNurel({"text", "t1", "--file", dir.file("nul.txt")}, at(browser));
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("saved 2 lines to " + dir.file("nul.txt") + "\n", run.out);
+  EXPECT_EQ(std::string("a\0b\n\0\n", 6), readFile(dir.file("nul.txt")).value());
 }
 
 TEST(Cli, FileSavesJsonRepliesAsPrinted) {

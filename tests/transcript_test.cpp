@@ -10,6 +10,7 @@
 //   <~ json                only the members written must match
 //   <= text                the answer byte for byte
 //   browser< json          the next request the browser must receive, compared as JSON
+//   browser<= text         the next request the browser must receive, byte for byte
 //   browser> action        the browser's answer to its next request (fake_browser.h syntax)
 //   file <path> "text"     the file must exist and hold exactly that text (a JSON string)
 //   nofile <path>          no such file may exist
@@ -46,7 +47,18 @@
 namespace nurel::testing {
 namespace {
 
-enum class Kind { input, answer, partial, exact, request, reply, file, nofile, connections };
+enum class Kind {
+  input,
+  answer,
+  partial,
+  exact,
+  request,
+  exactRequest,
+  reply,
+  file,
+  nofile,
+  connections
+};
 
 struct Step {
   Kind kind;
@@ -56,9 +68,10 @@ struct Step {
 
 // clang-format off
 const std::pair<const char*, Kind> prefixes[] = {
-    {"browser< ", Kind::request}, {"browser> ", Kind::reply}, {"<~ ", Kind::partial},
-    {"<= ", Kind::exact},         {"< ", Kind::answer},       {"> ", Kind::input},
-    {"file ", Kind::file},        {"nofile ", Kind::nofile},  {"connections ", Kind::connections},
+    {"browser< ", Kind::request}, {"browser<= ", Kind::exactRequest},
+    {"browser> ", Kind::reply},   {"<~ ", Kind::partial},     {"<= ", Kind::exact},
+    {"< ", Kind::answer},         {"> ", Kind::input},        {"file ", Kind::file},
+    {"nofile ", Kind::nofile},    {"connections ", Kind::connections},
 };
 // clang-format on
 
@@ -171,6 +184,10 @@ class Session {
                     size_t index) const {
     if (index >= requests.size()) {
       ADD_FAILURE() << where(step) << ": the browser received no request; expected " << step.text;
+      return;
+    }
+    if (step.kind == Kind::exactRequest) {
+      EXPECT_EQ(expand(step.text), requests[index]) << where(step);
       return;
     }
     auto want = parsed(expand(step.text));
@@ -301,6 +318,7 @@ TEST_P(Transcripts, InProcess) {
         pending.reset();
         break;
       case Kind::request:
+      case Kind::exactRequest:
         run.checkRequest(step, run.browser->requests(), requests++);
         break;
       case Kind::reply:
@@ -324,7 +342,7 @@ TEST_P(Transcripts, Binary) {
     if (step.kind == Kind::input) options.input += run.expand(step.text) + "\n";
     if (step.kind == Kind::answer || step.kind == Kind::partial || step.kind == Kind::exact)
       answers.push_back(&step);
-    if (step.kind == Kind::request) requests.push_back(&step);
+    if (step.kind == Kind::request || step.kind == Kind::exactRequest) requests.push_back(&step);
     if (step.kind >= Kind::file) checks.push_back(&step);
   }
   Outcome outcome = runNurel({"mcp"}, options);
