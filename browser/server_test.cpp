@@ -187,16 +187,18 @@ TEST(Cdp, CallsInFlightFailWhenTheBrowserGoesAndLaterOnesAtOnce) {
   auto owned = std::make_unique<FakeTransport>();
   FakeTransport& fake = *owned;
   std::string closedWith;
-  Cdp cdp(std::move(owned), [](const std::string&, const Json&, const std::string&) {},
-          [&](const std::string& reason) { closedWith = reason; });
+  auto cdp = std::make_unique<Cdp>(
+      std::move(owned), [](const std::string&, const Json&, const std::string&) {},
+      [&](const std::string& reason) { closedWith = reason; });
   std::thread browser([&] {
     fake.waitSent(0);
     fake.end();
   });
-  EXPECT_THROW(cdp.call("Browser.getVersion"), BrowserLost);
+  EXPECT_THROW(cdp->call("Browser.getVersion"), BrowserLost);
   browser.join();
-  EXPECT_FALSE(cdp.alive());
-  EXPECT_THROW(cdp.call("Browser.getVersion"), BrowserLost);
+  EXPECT_FALSE(cdp->alive());
+  EXPECT_THROW(cdp->call("Browser.getVersion"), BrowserLost);
+  cdp.reset();  // joins the reader, which told of the end
   EXPECT_EQ(closedWith, "the fake ended");
 }
 
