@@ -3,6 +3,7 @@
 # MCP servers (bench/package-lock.json), and prints the four figures.
 #
 #   bench/run.sh [nurel_bench options]     e.g. bench/run.sh --figures 3 --runs 3
+#   bench/run.sh --snapshots [runs]        snapshots of the saved pages, next to @playwright/mcp
 #
 # NUREL_BENCH_BUILD names the build folder (default: build-bench at the top of the tree).
 set -eu
@@ -11,6 +12,12 @@ root=$(dirname "$bench")
 build=${NUREL_BENCH_BUILD:-$root/build-bench}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUREL_BENCH=ON >/dev/null
+if [ "${1:-}" = --snapshots ]; then
+  # Snapshots of the saved pages next to @playwright/mcp's, on the same Chromium.
+  cmake --build "$build" -j 2 --target nurel nurel-browser >/dev/null
+  (cd "$bench" && npm ci --no-audit --no-fund --ignore-scripts --loglevel=error >/dev/null)
+  exec node "$bench/snapshots.mjs" "$build" "${2:-3}"
+fi
 cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_floor_dynamic \
   nurel_bench_run nurel_bench_relay nurel_bench_json >/dev/null
 

@@ -214,11 +214,16 @@
         let shown = href;
         try {
           const target = new URL(href, document.baseURI);
-          if (target.origin === location.origin) shown = target.pathname + target.search + target.hash;
+          // Parameters that only say where a click came from, for the site's own counting.
+          for (const key of [...target.searchParams.keys()])
+            if (/^(utm_|source$|ref_src$|ref$|fbclid$|gclid$|mc_|_hs)/.test(key)) target.searchParams.delete(key);
+          shown = target.origin === location.origin ? target.pathname + target.search + target.hash
+            : target.href;
+          if (shown !== href && !target.search && href.endsWith('?')) shown += '?';
         } catch (e) {
           // Not an address: as written.
         }
-        states.push('url=' + clip(shown, 120));
+        states.push('url=' + clip(shown, 100));
       }
     }
     if (tag === 'input' || tag === 'textarea') {
@@ -334,7 +339,7 @@
         }
         return;
       }
-      const item = { role, name: clip(name, 150), states: statesOf(element, role), children };
+      const item = { role, name: clip(name, interactiveOnly ? 80 : 150), states: statesOf(element, role), children };
       if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') {
         item.ref = refOf(element);
         if (actionable) lastActionable.push(element);
