@@ -172,6 +172,17 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
       }
       return;
     }
+    if (method == "Target.targetCrashed") {
+      std::string crashed = params.value("targetId", "");
+      std::lock_guard<std::mutex> guard(tabsLock);
+      for (auto& [id, tab] : tabsByID) {
+        if (tab->targetId != crashed) continue;
+        std::lock_guard<std::mutex> tabGuard(tab->lock);
+        tab->crashed = true;
+        tab->changed.notify_all();
+      }
+      return;
+    }
     if (method == "Target.detachedFromTarget") {
       std::string detached = params.value("sessionId", "");
       std::lock_guard<std::mutex> guard(tabsLock);

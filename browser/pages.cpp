@@ -51,7 +51,13 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
                                 std::to_string(settings.loadTime.count()) + " s");
   }
   std::string error = navigated.value("errorText", "");
-  if (!error.empty()) throw Failure("couldn't load " + url + ": " + error);
+  if (!error.empty()) {
+    // A page that takes its renderer down aborts its own load: say which happened.
+    std::unique_lock<std::mutex> guard(tab->lock);
+    tab->changed.wait_for(guard, std::chrono::milliseconds(200), [&] { return tab->crashed; });
+    if (tab->crashed) throw Failure("the page in " + tab->id + " crashed: reload it");
+    throw Failure("couldn't load " + url + ": " + error);
+  }
   std::string loaderId = navigated.value("loaderId", "");
   if (loaderId.empty()) return describeTab(tab);  // within the same document
   if (!awaitLoad(tab, loaderId, deadline))

@@ -94,20 +94,42 @@ Json Browser::eval(const Json& params) {
   std::string expression = "(async () => {\n" + script + "\n})()";
   Json answer;
   auto started = Clock::now();
+  std::shared_ptr<Engine> running = engine();
   try {
-    answer = call("Runtime.evaluate",
-                  {{"expression", expression},
-                   {"returnByValue", true},
-                   {"awaitPromise", true},
-                   {"userGesture", true},
-                   {"timeout", timeout.count()}},
-                  tab->session, timeout + std::chrono::seconds(2));
-  } catch (const BrowserLost&) {
-    if (!running()) throw;
-    // Waiting on something that never comes: stop what still runs, and the tab goes on.
-    call("Runtime.terminateExecution", Json::object(), tab->session);
-    throw Failure("the script didn't finish in " + std::to_string(settings.scriptTime.count()) +
-                  " s, and was stopped");
+    auto reply = running->cdp->start("Runtime.evaluate",
+                                     {{"expression", expression},
+                                      {"returnByValue", true},
+                                      {"awaitPromise", true},
+                                      {"userGesture", true},
+                                      {"timeout", timeout.count()}},
+                                     tab->session);
+    // Waits for the value, unless the page crashes or shows a dialog, which stops it until
+    // answered: then the agent hears of that at once.
+    auto deadline = started + timeout + std::chrono::seconds(2);
+    while (!running->cdp->wait(reply, std::chrono::milliseconds(20))) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      if (tab->crashed || tab->gone || tab->dialog || Clock::now() > deadline) {
+        running->cdp->forget(reply);
+        if (tab->crashed) throw Failure("the page in " + tab->id + " crashed: reload it");
+        if (tab->gone) throw Failure("no tab " + tab->id + ": it was closed");
+        if (tab->dialog)
+          throw Failure("the script is waiting on a dialog (" + tab->dialog->value("type", "alert") +
+                        " " + quote(tab->dialog->value("message", "")) +
+                        "): answer it with dialog (accept or dismiss)");
+        // Waiting on something that never comes: stop what still runs, and the tab goes on.
+        running->cdp->post("Runtime.terminateExecution", Json::object(), tab->session);
+        throw Failure("the script didn't finish in " +
+                      std::to_string(settings.scriptTime.count()) + " s, and was stopped");
+      }
+    }
+    answer = std::move(reply->result);
+  } catch (const BrowserLost& error) {
+    if (!running->cdp->alive()) {
+      std::string ending = running->chromium->ending();
+      throw Failure("lost the browser: Chromium " + (ending.empty() ? "stopped" : ending) +
+                    ", and its tabs with it; the next request starts it again");
+    }
+    throw Failure(error.what());
   } catch (const CdpError& error) {
     // Chromium ends a script stopped at its time limit with an internal error.
     if (Clock::now() - started >= settings.scriptTime)

@@ -409,5 +409,25 @@ TEST(Browser, WithoutAChromiumItSaysHowToGetOne) {
             "no Chromium found: install the chromium package or set NUREL_CHROMIUM\n");
 }
 
+TEST(Browser, ACrashedPageIsSaidAndReloadBringsItBack) {
+  std::string tab = shared().open(url("/"));
+  Outcome crashed = shared().nurel({"navigate", tab, "chrome://crash"});
+  EXPECT_EQ(crashed.err, "the page in " + tab + " crashed: reload it\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return 1"}).err, "the page in " + tab + " crashed: reload it\n");
+  EXPECT_EQ(shared().nurel({"reload", tab}).status, 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return document.title"}).out, "Home\n");
+  // Other tabs never noticed.
+  EXPECT_EQ(shared().nurel({"hello"}).status, 0);
+}
+
+TEST(Browser, AScriptThatOpensADialogSaysSoAtOnce) {
+  std::string tab = shared().open(url("/"));
+  Outcome waiting = shared().nurel({"eval", tab, "alert('stop'); return 2"});
+  EXPECT_EQ(waiting.err, "the script is waiting on a dialog (alert \"stop\"): answer it with dialog "
+                         "(accept or dismiss)\n");
+  EXPECT_EQ(shared().nurel({"dialog", tab, "accept"}).out, "accepted alert \"stop\"\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return 3"}).out, "3\n");
+}
+
 }  // namespace
 }  // namespace nurel::testing
