@@ -19,8 +19,7 @@ namespace {
 // The method names of later work, answered with a line that says so until they are built.
 const std::set<std::string>& notYet() {
   static const std::set<std::string> names = {
-      "console", "emulate",   "upload", "network", "downloads",
-      "storage", "ask",       "scenarios", "run", "media"};
+      "upload", "network", "downloads", "storage", "ask", "scenarios", "run", "media"};
   return names;
 }
 
@@ -31,6 +30,63 @@ void makeFolders(const std::string& path) {
     if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
       throw Failure("couldn't make the folder " + part + ": " + std::strerror(errno));
   }
+}
+
+// One console line: its level ("error", "warn", "info", "log", "debug") and its text with where
+// it came from.
+std::pair<std::string, std::string> consoleEntry(const std::string& method, const Json& params) {
+  std::string level, text, url;
+  int line = -1;
+  auto place = [&](const Json& frames) {
+    if (frames.is_array() && !frames.empty()) {
+      url = frames[0].value("url", "");
+      line = frames[0].value("lineNumber", -1);
+    }
+  };
+  if (method == "Runtime.consoleAPICalled") {
+    std::string type = params.value("type", "log");
+    level = type == "error" || type == "assert" ? "error"
+            : type == "warning"                  ? "warn"
+            : type == "info" || type == "debug"  ? type
+                                                 : "log";
+    for (const Json& argument : params.value("args", Json::array())) {
+      std::string piece;
+      if (argument.contains("value")) {
+        const Json& value = argument["value"];
+        piece = value.is_string() ? value.get<std::string>() : compactRepaired(value);
+      } else {
+        piece = argument.value("unserializableValue", argument.value("description", argument.value("type", "")));
+      }
+      text += (text.empty() ? "" : " ") + piece;
+    }
+    if (params.contains("stackTrace")) place(params["stackTrace"].value("callFrames", Json::array()));
+  } else if (method == "Runtime.exceptionThrown") {
+    const Json& details = params.contains("exceptionDetails") ? params["exceptionDetails"] : params;
+    level = "error";
+    text = details.contains("exception") ? details["exception"].value("description", details.value("text", ""))
+                                         : details.value("text", "");
+    text = text.substr(0, text.find('\n'));
+    if (text.rfind("Uncaught", 0) != 0) text = "Uncaught " + text;
+    url = details.value("url", "");
+    line = details.value("lineNumber", -1);
+  } else {
+    const Json& entry = params.contains("entry") ? params["entry"] : params;
+    std::string given = entry.value("level", "info");
+    level = given == "error" ? "error" : given == "warning" ? "warn" : given == "verbose" ? "debug" : "info";
+    text = entry.value("text", "");
+    url = entry.value("url", "");
+    line = entry.value("lineNumber", -1);
+  }
+  if (text.size() > 2000) text = text.substr(0, 2000) + "…";
+  std::string where;
+  if (!url.empty()) {
+    // The file's name and line are what a developer looks for; the address is long.
+    std::string name = url.substr(0, url.find_first_of("?#"));
+    name = name.substr(name.rfind('/') + 1);
+    if (name.empty() || url.rfind("data:", 0) == 0) name = url.rfind("data:", 0) == 0 ? "the page" : url;
+    where = " (" + name + (line >= 0 ? ":" + std::to_string(line + 1) : "") + ")";
+  }
+  return {level, level + ": " + text + where};
 }
 
 std::string lastLine(const std::string& path) {
@@ -214,6 +270,18 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     const Json& frame = params.contains("frame") ? params["frame"] : params;
     if (!frame.contains("parentId")) {
       tab->loader = frame.value("loaderId", "");
+      tab->console.clear();
+      tab->consoleDropped = 0;
+    }
+  } else if (method == "Runtime.consoleAPICalled" || method == "Runtime.exceptionThrown" ||
+             method == "Log.entryAdded") {
+    std::pair<std::string, std::string> entry = consoleEntry(method, params);
+    if (entry.first.empty()) return;
+    tab->console.push_back(std::move(entry));
+    // Kept per tab, and bounded: a page that logs without end costs a few thousand lines.
+    if (tab->console.size() > 2000) {
+      tab->console.pop_front();
+      ++tab->consoleDropped;
     }
   } else if (method == "Page.frameStartedLoading") {
     if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
@@ -314,6 +382,7 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
   call("Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}},
        tab->session);
   call("Runtime.enable", Json::object(), tab->session);
+  call("Log.enable", Json::object(), tab->session);
   Json tree = call("Page.getFrameTree", Json::object(), tab->session);
   {
     std::lock_guard<std::mutex> guard(tab->lock);
@@ -432,6 +501,7 @@ const std::map<std::string, Browser::Handler>& Browser::handlers() {
       {"key", &Browser::key},         {"scroll", &Browser::scroll},
       {"find", &Browser::find},       {"inspect", &Browser::inspect},
       {"dialog", &Browser::dialog},   {"batch", &Browser::batch},
+      {"console", &Browser::console}, {"emulate", &Browser::emulate},
   };
   return table;
 }

@@ -69,6 +69,13 @@ struct Tab {
   int nextRef = 1;
   std::map<int, std::string> refDocuments;  // first number of a run -> its document's loader
   std::map<std::string, std::string> lastSnapshot;  // by variant, for diff
+
+  // What the page logged since it loaded, oldest first, and how many older lines were dropped.
+  std::deque<std::pair<std::string, std::string>> console;  // level, line
+  size_t consoleDropped = 0;
+  // Emulation in force: empty for the browser's own.
+  std::string colorScheme, media;
+  int width = 0, height = 0;
   bool crashed = false;
   bool gone = false;                  // closed by the page or by Chromium
 };
@@ -182,6 +189,8 @@ class Browser {
   Json inspect(const Json& params);
   Json dialog(const Json& params);
   Json batch(const Json& params);
+  Json console(const Json& params);
+  Json emulate(const Json& params);
 
   Settings settings;
   std::mutex engineLock;  // held while starting or replacing the engine

@@ -295,6 +295,84 @@ Json Browser::screenshot(const Json& params) {
   return {{"png", taken.value("data", "")}, {"refs", refs}};
 }
 
+Json Browser::console(const Json& params) {
+  auto tab = tabFor(params);
+  std::string level = stringParam(params, "level");
+  double limit = numberParam(params, "limit", 0);
+  std::vector<std::string> lines;
+  size_t dropped;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    dropped = tab->consoleDropped;
+    for (auto& [kind, line] : tab->console) {
+      if (level == "error" && kind != "error") continue;
+      if (level == "warn" && kind != "error" && kind != "warn") continue;
+      lines.push_back(line);
+    }
+    if (flagParam(params, "clear")) {
+      tab->console.clear();
+      tab->consoleDropped = 0;
+    }
+  }
+  // The latest ones when there are more than the limit, still oldest first.
+  size_t skipped = 0;
+  if (limit >= 1 && lines.size() > size_t(limit)) {
+    skipped = lines.size() - size_t(limit);
+    lines.erase(lines.begin(), lines.begin() + long(skipped));
+  }
+  std::string answer;
+  if (dropped) answer += "(" + std::to_string(dropped) + " older lines were dropped)\n";
+  if (skipped) answer += "(" + std::to_string(skipped) + " earlier lines left out by the limit)\n";
+  for (auto& line : lines) answer += line + "\n";
+  if (lines.empty())
+    answer += level == "error" ? "no errors since the page loaded\n"
+              : level == "warn" ? "no errors or warnings since the page loaded\n"
+                                : "nothing logged since the page loaded\n";
+  answer.pop_back();
+  return answer;
+}
+
+Json Browser::emulate(const Json& params) {
+  auto tab = tabFor(params);
+  std::string scheme = stringParam(params, "color_scheme"), media = stringParam(params, "media");
+  if (!scheme.empty() && scheme != "dark" && scheme != "light" && scheme != "system")
+    throw Failure("color_scheme takes dark, light or system");
+  if (!media.empty() && media != "print" && media != "screen")
+    throw Failure("media takes print or screen");
+  bool sized = params.contains("width") || params.contains("height");
+  double width = numberParam(params, "width", 0), height = numberParam(params, "height", 0);
+  if (sized && (width < 1 || height < 1 || width > 10000 || height > 10000))
+    throw Failure("width and height take CSS px from 1 to 10000");
+  std::string inForceScheme, inForceMedia;
+  int inForceWidth, inForceHeight;
+  {
+    // Never held across a call: the reader thread takes this lock for the tab's events.
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (!scheme.empty()) tab->colorScheme = scheme == "system" ? "" : scheme;
+    if (!media.empty()) tab->media = media == "screen" ? "" : media;
+    if (sized) {
+      tab->width = int(width);
+      tab->height = int(height);
+    }
+    inForceScheme = tab->colorScheme;
+    inForceMedia = tab->media;
+    inForceWidth = tab->width;
+    inForceHeight = tab->height;
+  }
+  call("Emulation.setEmulatedMedia",
+       {{"media", inForceMedia},
+        {"features", Json::array({{{"name", "prefers-color-scheme"}, {"value", inForceScheme}}})}},
+       tab->session);
+  if (sized)
+    call("Emulation.setDeviceMetricsOverride",
+         {{"width", inForceWidth}, {"height", inForceHeight}, {"deviceScaleFactor", 0}, {"mobile", false}},
+         tab->session);
+  return "in force: color scheme " + (inForceScheme.empty() ? "system" : inForceScheme) +
+         ", media " + (inForceMedia.empty() ? "screen" : inForceMedia) + ", screen " +
+         (inForceWidth ? std::to_string(inForceWidth) + "x" + std::to_string(inForceHeight) + " px"
+                       : std::string("the window's"));
+}
+
 Json Browser::pdf(const Json& params) {
   auto tab = tabFor(params);
   Json metrics = call("Page.getLayoutMetrics", Json::object(), tab->session);
@@ -303,6 +381,11 @@ Json Browser::pdf(const Json& params) {
   // One page as wide as the screen and as long as the page (a PDF page ends at 200 inches).
   double width = std::max(1.0, view.value("clientWidth", 1280.0)) / 96.0;
   double height = std::clamp(size.value("height", 800.0) / 96.0, 1.0, 200.0);
+  std::string restore;  // the tab's own emulated media, put back afterwards
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    restore = tab->media;
+  }
   call("Emulation.setEmulatedMedia", {{"media", "screen"}}, tab->session);
   Json printed;
   try {
@@ -312,10 +395,10 @@ Json Browser::pdf(const Json& params) {
                     {"preferCSSPageSize", false}},
                    tab->session, std::chrono::seconds(60));
   } catch (...) {
-    call("Emulation.setEmulatedMedia", {{"media", ""}}, tab->session);
+    call("Emulation.setEmulatedMedia", {{"media", restore}}, tab->session);
     throw;
   }
-  call("Emulation.setEmulatedMedia", {{"media", ""}}, tab->session);
+  call("Emulation.setEmulatedMedia", {{"media", restore}}, tab->session);
   Json info = call("Target.getTargetInfo", {{"targetId", tab->targetId}});
   return {{"pdf", printed.value("data", "")}, {"title", info["targetInfo"].value("title", "")}};
 }

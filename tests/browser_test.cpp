@@ -389,7 +389,7 @@ TEST(Browser, ExitsAfterTheIdleTime) {
 
 TEST(Browser, MethodsOfLaterWorkSaySoAndSigninNeedsTheMacBrowser) {
   std::string tab = shared().open(url("/"));
-  EXPECT_EQ(shared().nurel({"console", tab}).err, "console isn't available in this browser yet\n");
+  EXPECT_EQ(shared().nurel({"media", tab}).err, "media isn't available in this browser yet\n");
   EXPECT_EQ(shared().nurel({"signin", tab}).err,
             "sign-in with saved logins needs the macOS browser: here, type the login into the "
             "page, or ask the person\n");
@@ -427,6 +427,51 @@ TEST(Browser, AScriptThatOpensADialogSaysSoAtOnce) {
                          "(accept or dismiss)\n");
   EXPECT_EQ(shared().nurel({"dialog", tab, "accept"}).out, "accepted alert \"stop\"\n");
   EXPECT_EQ(shared().nurel({"eval", tab, "return 3"}).out, "3\n");
+}
+
+TEST(Browser, ConsoleKeepsWhatThePageLoggedByLevelUntilCleared) {
+  servePage("/console-page", "<title>Logs</title><p>quiet</p>");
+  std::string tab = shared().open(url("/console-page"));
+  EXPECT_EQ(shared().nurel({"console", tab}).out, "nothing logged since the page loaded\n");
+  shared().nurel({"eval", tab, "console.log('hello', 42, {a: 1}); console.warn('careful'); "
+                               "console.error('bad'); setTimeout(() => { throw new Error('boom') }, 0); "
+                               "await new Promise((r) => setTimeout(r, 50))"});
+  EXPECT_EQ(shared().nurel({"console", tab}).out,
+            "log: hello 42 Object\nwarn: careful\nerror: bad\nerror: Uncaught Error: boom\n");
+  EXPECT_EQ(shared().nurel({"console", tab, "--warnings"}).out,
+            "warn: careful\nerror: bad\nerror: Uncaught Error: boom\n");
+  EXPECT_EQ(shared().nurel({"console", tab, "--errors", "--limit", "1"}).out,
+            "(1 earlier lines left out by the limit)\nerror: Uncaught Error: boom\n");
+  EXPECT_EQ(shared().nurel({"console", tab, "--clear"}).status, 0);
+  EXPECT_EQ(shared().nurel({"console", tab, "--errors"}).out, "no errors since the page loaded\n");
+  // A page that logs without end costs a bounded number of lines, and says how many went.
+  shared().nurel({"eval", tab, "for (let i = 0; i < 2500; ++i) console.log('line', i); "
+                               "await new Promise((r) => setTimeout(r, 200))"});
+  Outcome many = shared().nurel({"console", tab});
+  EXPECT_EQ(many.out.substr(0, many.out.find('\n')), "(500 older lines were dropped)");
+  EXPECT_EQ(many.out.substr(many.out.size() - 15), "log: line 2499\n");
+  // A new page starts a new log.
+  shared().nurel({"reload", tab});
+  EXPECT_EQ(shared().nurel({"console", tab}).out, "nothing logged since the page loaded\n");
+}
+
+TEST(Browser, EmulationStaysOnTheTabAndThePageSeesIt) {
+  std::string tab = shared().open(url("/"));
+  EXPECT_EQ(shared().nurel({"emulate", tab, "--dark", "--size", "390x844"}).out,
+            "in force: color scheme dark, media screen, screen 390x844 px\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [matchMedia('(prefers-color-scheme: dark)').matches, "
+                                         "innerWidth, innerHeight]"}).out,
+            "[\n  true,\n  390,\n  844\n]\n");
+  EXPECT_EQ(shared().nurel({"emulate", tab, "--print"}).out,
+            "in force: color scheme dark, media print, screen 390x844 px\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return matchMedia('print').matches"}).out, "true\n");
+  shared().nurel({"reload", tab});
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [matchMedia('print').matches, innerWidth]"}).out,
+            "[\n  true,\n  390\n]\n");
+  EXPECT_EQ(shared().nurel({"emulate", tab, "--light", "--screen"}).out,
+            "in force: color scheme light, media screen, screen 390x844 px\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return matchMedia('(prefers-color-scheme: light)').matches"}).out,
+            "true\n");
 }
 
 }  // namespace
