@@ -191,6 +191,7 @@ class Browser {
   Json batch(const Json& params);
   Json console(const Json& params);
   Json emulate(const Json& params);
+  Json storage(const Json& params);
 
   Settings settings;
   std::mutex engineLock;  // held while starting or replacing the engine

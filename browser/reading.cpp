@@ -1,6 +1,7 @@
 // browser/reading.cpp: reading a page: scripts, its text, an outline, waiting for something,
 // screenshots and PDFs.
 #include <algorithm>
+#include <ctime>
 #include <cmath>
 #include <thread>
 
@@ -371,6 +372,58 @@ Json Browser::emulate(const Json& params) {
          ", media " + (inForceMedia.empty() ? "screen" : inForceMedia) + ", screen " +
          (inForceWidth ? std::to_string(inForceWidth) + "x" + std::to_string(inForceHeight) + " px"
                        : std::string("the window's"));
+}
+
+Json Browser::storage(const Json& params) {
+  auto tab = tabFor(params);
+  Json info = call("Target.getTargetInfo", {{"targetId", tab->targetId}});
+  std::string address = info["targetInfo"].value("url", "");
+  Json cookies = call("Network.getCookies", {{"urls", Json::array({address})}}, tab->session)
+                     .value("cookies", Json::array());
+  // Keys and sizes only: values are the site's secrets as often as not.
+  Json stored = inWorld(tab, "(() => { const read = (s) => { try { return Object.keys(s).map((k) => "
+                             "[k, String(s.getItem(k)).length]); } catch (e) { return null; } }; "
+                             "return [location.origin, read(localStorage), read(sessionStorage)]; })()");
+  std::string origin = stored.is_array() ? stored[0].get<std::string>() : address;
+  auto keys = [](const Json& list) {
+    std::string out;
+    if (!list.is_array()) return std::string("not available to this page");
+    for (const Json& pair : list)
+      out += (out.empty() ? "" : ", ") + pair[0].get<std::string>() + " (" +
+             std::to_string(pair[1].get<long>()) + " characters)";
+    return out.empty() ? std::string("none") : out;
+  };
+  if (flagParam(params, "clear")) {
+    for (const Json& cookie : cookies)
+      call("Network.deleteCookies", {{"name", cookie.value("name", "")}, {"domain", cookie.value("domain", "")},
+                                     {"path", cookie.value("path", "/")}},
+           tab->session);
+    inWorld(tab, "(() => { try { localStorage.clear(); sessionStorage.clear(); } catch (e) {} return true; })()");
+    size_t local = stored.is_array() && stored[1].is_array() ? stored[1].size() : 0;
+    size_t session = stored.is_array() && stored[2].is_array() ? stored[2].size() : 0;
+    return "removed " + std::to_string(cookies.size()) + " cookies, " + std::to_string(local) +
+           " localStorage keys and " + std::to_string(session) + " sessionStorage keys of " + origin;
+  }
+  std::string answer = "cookies for " + address + ":";
+  if (cookies.empty()) answer += " none";
+  for (const Json& cookie : cookies) {
+    answer += "\n  " + cookie.value("name", "") + ": domain " + cookie.value("domain", "") + ", path " +
+              cookie.value("path", "/");
+    if (cookie.value("secure", false)) answer += ", secure";
+    if (cookie.value("httpOnly", false)) answer += ", httpOnly";
+    if (cookie.contains("sameSite")) answer += ", sameSite " + cookie.value("sameSite", "");
+    if (cookie.value("session", false)) {
+      answer += ", until the browser closes";
+    } else {
+      time_t expires = time_t(cookie.value("expires", 0.0));
+      char day[32];
+      std::strftime(day, sizeof day, "%Y-%m-%d", std::gmtime(&expires));
+      answer += std::string(", expires ") + day;
+    }
+  }
+  answer += "\nlocalStorage of " + origin + ": " + keys(stored.is_array() ? stored[1] : Json());
+  answer += "\nsessionStorage: " + keys(stored.is_array() ? stored[2] : Json());
+  return answer;
 }
 
 Json Browser::pdf(const Json& params) {

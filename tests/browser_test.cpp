@@ -216,7 +216,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   ASSERT_GE(fd, 0);
   std::string lines =
       "not json\n[1,2]\n\n{\"id\":5}\n{\"id\":\"six\",\"method\":\"fly\"}\n"
-      "{\"id\":7,\"method\":\"storage\",\"params\":{\"tab\":\"t1\"}}\n"
+      "{\"id\":7,\"method\":\"network\",\"params\":{\"tab\":\"t1\"}}\n"
       "{\"id\":8,\"method\":\"open\",\"params\":{\"url\":\"file:///etc/passwd\"}}\n"
       "{\"id\":9,\"method\":\"hello\",\"params\":[]}\n";
   ASSERT_EQ(write(fd, lines.data(), lines.size()), ssize_t(lines.size()));
@@ -226,7 +226,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   EXPECT_EQ(replies,
             "{\"error\":\"the request has no method\",\"id\":5}\n"
             "{\"error\":\"unknown method fly\",\"id\":\"six\"}\n"
-            "{\"error\":\"storage isn't available in this browser yet\",\"id\":7}\n"
+            "{\"error\":\"network isn't available in this browser yet\",\"id\":7}\n"
             "{\"error\":\"won't open file:///etc/passwd: it isn't under a folder of "
             "NUREL_ALLOW_FILES\",\"id\":8}\n"
             "{\"id\":9,\"result\":{\"name\":\"nurel-browser\",\"version\":\"1\"}}\n");
@@ -472,6 +472,24 @@ TEST(Browser, EmulationStaysOnTheTabAndThePageSeesIt) {
             "in force: color scheme light, media screen, screen 390x844 px\n");
   EXPECT_EQ(shared().nurel({"eval", tab, "return matchMedia('(prefers-color-scheme: light)').matches"}).out,
             "true\n");
+}
+
+TEST(Browser, StorageListsNamesAndSizesNeverValuesAndClears) {
+  servePage("/storage", "<title>S</title><script>localStorage.setItem('token', 'secret-value-123'); "
+                        "sessionStorage.setItem('step', '2'); document.cookie = 'theme=dark-secret; path=/'</script>");
+  std::string tab = shared().open(url("/storage"));
+  std::string origin = url("");
+  Outcome listed = shared().nurel({"storage", tab});
+  EXPECT_EQ(listed.out, "cookies for " + url("/storage") + ":\n  theme: domain 127.0.0.1, path /, until "
+                        "the browser closes\nlocalStorage of " + origin + ": token (16 characters)\n"
+                        "sessionStorage: step (1 characters)\n");
+  EXPECT_EQ(listed.out.find("secret"), std::string::npos);
+  EXPECT_EQ(shared().nurel({"storage", tab, "--clear"}).out,
+            "removed 1 cookies, 1 localStorage keys and 1 sessionStorage keys of " + origin + "\n");
+  EXPECT_EQ(shared().nurel({"storage", tab}).out, "cookies for " + url("/storage") + ": none\nlocalStorage of " +
+                                                      origin + ": none\nsessionStorage: none\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [document.cookie, localStorage.length]"}).out,
+            "[\n  \"\",\n  0\n]\n");
 }
 
 }  // namespace
