@@ -19,7 +19,7 @@ namespace {
 // The method names of later work, answered with a line that says so until they are built.
 const std::set<std::string>& notYet() {
   static const std::set<std::string> names = {
-      "upload", "network", "downloads", "ask", "scenarios", "run", "media"};
+      "upload", "downloads", "scenarios", "run", "media"};
   return names;
 }
 
@@ -298,10 +298,40 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     if (type != "EventSource" && type != "WebSocket" && !params.contains("redirectResponse"))
       tab->requests.insert(params.value("requestId", ""));
     tab->lastNetwork = now;
+    Tab::Request request;
+    request.number = tab->nextRequest++;
+    request.id = params.value("requestId", "");
+    const Json& sent = params.contains("request") ? params["request"] : params;
+    request.method = sent.value("method", "GET");
+    request.url = sent.value("url", "");
+    request.type = type;
+    request.started = params.value("timestamp", 0.0);
+    request.requestHeaders = sent.value("headers", Json::object());
+    tab->requestLog.push_back(std::move(request));
+    if (tab->requestLog.size() > 2000) {
+      tab->requestLog.pop_front();
+      ++tab->requestsDropped;
+    }
   } else if (method == "Network.loadingFinished" || method == "Network.loadingFailed") {
     tab->requests.erase(params.value("requestId", ""));
     tab->lastNetwork = now;
+    std::string id = params.value("requestId", "");
+    for (auto request = tab->requestLog.rbegin(); request != tab->requestLog.rend(); ++request) {
+      if (request->id != id || request->ended != 0) continue;
+      request->ended = params.value("timestamp", 0.0);
+      if (method == "Network.loadingFinished") request->bytes = params.value("encodedDataLength", 0.0);
+      else request->error = params.value("errorText", "failed");
+      break;
+    }
   } else if (method == "Network.responseReceived") {
+    std::string id = params.value("requestId", "");
+    for (auto request = tab->requestLog.rbegin(); request != tab->requestLog.rend(); ++request) {
+      if (request->id != id) continue;
+      const Json& response = params.contains("response") ? params["response"] : params;
+      request->status = response.value("status", 0);
+      request->responseHeaders = response.value("headers", Json::object());
+      break;
+    }
     if (params.value("type", "") == "Document" && params.value("frameId", "") == tab->targetId) {
       auto response = params.find("response");
       if (response != params.end() && response->is_object()) {
@@ -502,7 +532,8 @@ const std::map<std::string, Browser::Handler>& Browser::handlers() {
       {"find", &Browser::find},       {"inspect", &Browser::inspect},
       {"dialog", &Browser::dialog},   {"batch", &Browser::batch},
       {"console", &Browser::console}, {"emulate", &Browser::emulate},
-      {"storage", &Browser::storage},
+      {"storage", &Browser::storage}, {"ask", &Browser::ask},
+      {"network", &Browser::network},
   };
   return table;
 }

@@ -73,6 +73,18 @@ struct Tab {
   // What the page logged since it loaded, oldest first, and how many older lines were dropped.
   std::deque<std::pair<std::string, std::string>> console;  // level, line
   size_t consoleDropped = 0;
+  // The tab's requests since it opened, oldest first (bounded like the console).
+  struct Request {
+    int number = 0;
+    std::string id, method, url, type, error;
+    int status = 0;
+    double started = 0, ended = 0;
+    double bytes = 0;
+    Json requestHeaders, responseHeaders;
+  };
+  std::deque<Request> requestLog;
+  size_t requestsDropped = 0;
+  int nextRequest = 1;
   // Emulation in force: empty for the browser's own.
   std::string colorScheme, media;
   int width = 0, height = 0;
@@ -192,6 +204,8 @@ class Browser {
   Json console(const Json& params);
   Json emulate(const Json& params);
   Json storage(const Json& params);
+  Json ask(const Json& params);
+  Json network(const Json& params);
 
   Settings settings;
   std::mutex engineLock;  // held while starting or replacing the engine

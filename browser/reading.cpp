@@ -426,6 +426,119 @@ Json Browser::storage(const Json& params) {
   return answer;
 }
 
+Json Browser::ask(const Json& params) {
+  tabFor(params);
+  if (!settings.headed)
+    throw Failure("no one is watching this browser: it runs without a window. Start it with one "
+                  "(NUREL_HEADED=1, with a display) for a person to answer");
+  throw Failure("asking the person isn't available in this browser yet");
+}
+
+namespace {
+
+// An address with the values of its secret-looking query parameters masked.
+std::string masked(const std::string& url) {
+  size_t query = url.find('?');
+  if (query == std::string::npos) return url;
+  size_t end = url.find('#', query);
+  std::string out = url.substr(0, query + 1);
+  std::string rest = url.substr(query + 1, end == std::string::npos ? std::string::npos : end - query - 1);
+  size_t start = 0;
+  while (start <= rest.size()) {
+    size_t amp = rest.find('&', start);
+    std::string pair = rest.substr(start, amp == std::string::npos ? std::string::npos : amp - start);
+    size_t equals = pair.find('=');
+    std::string key = pair.substr(0, equals);
+    std::string lower = key;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    bool secret = false;
+    for (const char* word : {"token", "key", "code", "password", "passwd", "secret", "sig", "auth",
+                             "session", "credential"})
+      if (lower.find(word) != std::string::npos) secret = true;
+    out += secret && equals != std::string::npos ? key + "=•••" : pair;
+    if (amp == std::string::npos) break;
+    out += '&';
+    start = amp + 1;
+  }
+  if (end != std::string::npos) out += url.substr(end);
+  return out;
+}
+
+Json maskedHeaders(const Json& headers) {
+  Json out = Json::object();
+  if (!headers.is_object()) return out;
+  for (auto& [name, value] : headers.items()) {
+    std::string lower = name;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    bool secret = lower == "cookie" || lower == "set-cookie" || lower == "authorization" ||
+                  lower == "proxy-authorization" || lower.find("token") != std::string::npos ||
+                  lower.find("api-key") != std::string::npos;
+    out[name] = secret ? Json("•••") : value;
+  }
+  return out;
+}
+
+}  // namespace
+
+Json Browser::network(const Json& params) {
+  auto tab = tabFor(params);
+  std::string filter = stringParam(params, "filter");
+  bool failed = flagParam(params, "failed");
+  double limit = numberParam(params, "limit", 0);
+  std::vector<Tab::Request> shown;
+  size_t dropped;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    dropped = tab->requestsDropped;
+    if (params.contains("request")) {
+      int wanted = int(numberParam(params, "request", 0));
+      for (auto& request : tab->requestLog) {
+        if (request.number != wanted) continue;
+        Json detail = {{"number", request.number}, {"method", request.method},
+                       {"url", masked(request.url)}, {"status", request.status},
+                       {"request headers", maskedHeaders(request.requestHeaders)},
+                       {"response headers", maskedHeaders(request.responseHeaders)}};
+        if (!request.error.empty()) detail["error"] = request.error;
+        return detail;
+      }
+      throw Failure("no request " + std::to_string(wanted) + " in " + tab->id);
+    }
+    for (auto& request : tab->requestLog) {
+      if (!filter.empty() && request.url.find(filter) == std::string::npos) continue;
+      if (failed && request.error.empty() && request.status < 400) continue;
+      shown.push_back(request);
+    }
+    if (flagParam(params, "clear")) {
+      tab->requestLog.clear();
+      tab->requestsDropped = 0;
+    }
+  }
+  size_t skipped = 0;
+  if (limit >= 1 && shown.size() > size_t(limit)) {
+    skipped = shown.size() - size_t(limit);
+    shown.erase(shown.begin(), shown.begin() + long(skipped));
+  }
+  std::string answer;
+  if (dropped) answer += "(" + std::to_string(dropped) + " older requests were dropped)\n";
+  if (skipped) answer += "(" + std::to_string(skipped) + " earlier requests left out by the limit)\n";
+  for (auto& request : shown) {
+    std::string line = "#" + std::to_string(request.number) + " " + request.method + " ";
+    line += !request.error.empty() ? request.error
+            : request.status      ? std::to_string(request.status)
+                                  : std::string("pending");
+    std::string type = request.type;
+    std::transform(type.begin(), type.end(), type.begin(), ::tolower);
+    if (!type.empty()) line += " " + type;
+    if (request.ended > 0 && request.bytes > 0) line += " " + std::to_string(long(request.bytes)) + " B";
+    if (request.ended > 0 && request.started > 0)
+      line += " " + std::to_string(long((request.ended - request.started) * 1000)) + " ms";
+    answer += line + " " + masked(request.url) + "\n";
+  }
+  if (shown.empty()) answer += failed ? "no failed requests\n" : "no requests\n";
+  answer.pop_back();
+  return answer;
+}
+
 Json Browser::pdf(const Json& params) {
   auto tab = tabFor(params);
   Json metrics = call("Page.getLayoutMetrics", Json::object(), tab->session);

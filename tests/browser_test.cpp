@@ -216,7 +216,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   ASSERT_GE(fd, 0);
   std::string lines =
       "not json\n[1,2]\n\n{\"id\":5}\n{\"id\":\"six\",\"method\":\"fly\"}\n"
-      "{\"id\":7,\"method\":\"network\",\"params\":{\"tab\":\"t1\"}}\n"
+      "{\"id\":7,\"method\":\"downloads\",\"params\":{\"tab\":\"t1\"}}\n"
       "{\"id\":8,\"method\":\"open\",\"params\":{\"url\":\"file:///etc/passwd\"}}\n"
       "{\"id\":9,\"method\":\"hello\",\"params\":[]}\n";
   ASSERT_EQ(write(fd, lines.data(), lines.size()), ssize_t(lines.size()));
@@ -226,7 +226,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   EXPECT_EQ(replies,
             "{\"error\":\"the request has no method\",\"id\":5}\n"
             "{\"error\":\"unknown method fly\",\"id\":\"six\"}\n"
-            "{\"error\":\"network isn't available in this browser yet\",\"id\":7}\n"
+            "{\"error\":\"downloads isn't available in this browser yet\",\"id\":7}\n"
             "{\"error\":\"won't open file:///etc/passwd: it isn't under a folder of "
             "NUREL_ALLOW_FILES\",\"id\":8}\n"
             "{\"id\":9,\"result\":{\"name\":\"nurel-browser\",\"version\":\"1\"}}\n");
@@ -490,6 +490,34 @@ TEST(Browser, StorageListsNamesAndSizesNeverValuesAndClears) {
                                                       origin + ": none\nsessionStorage: none\n");
   EXPECT_EQ(shared().nurel({"eval", tab, "return [document.cookie, localStorage.length]"}).out,
             "[\n  \"\",\n  0\n]\n");
+}
+
+TEST(Browser, NetworkListsTheTabsRequestsWithSecretsMasked) {
+  std::string tab = shared().open(url("/second"));
+  shared().nurel({"eval", tab, "await (await fetch('/missing?token=abc123&page=2', {headers: "
+                               "{Authorization: 'Bearer zzz'}})).text(); return 1"});
+  Outcome all = shared().nurel({"network", tab});
+  EXPECT_EQ(all.out.rfind("#1 GET 200 document ", 0), 0u) << all.out;
+  EXPECT_NE(all.out.find(" " + url("/second") + "\n"), std::string::npos);
+  EXPECT_NE(all.out.find(url("/missing?token=•••&page=2")), std::string::npos) << all.out;
+  EXPECT_EQ(all.out.find("abc123"), std::string::npos);
+  Outcome failed = shared().nurel({"network", tab, "--failed", "--filter", "missing"});
+  std::string line = failed.out.substr(0, failed.out.find('\n'));
+  EXPECT_NE(line.find(" GET 404 fetch "), std::string::npos) << failed.out;
+  std::string number = line.substr(1, line.find(' ') - 1);
+  Json detail = parseDocument(shared().nurel({"network", tab, "--request", number}).out);
+  EXPECT_EQ(detail["status"], 404);
+  EXPECT_EQ(detail["request headers"]["Authorization"], "•••");
+  EXPECT_EQ(shared().nurel({"network", tab, "--request", "9999"}).err, "no request 9999 in " + tab + "\n");
+  shared().nurel({"network", tab, "--clear"});
+  EXPECT_EQ(shared().nurel({"network", tab}).out, "no requests\n");
+}
+
+TEST(Browser, AskingThePersonHeadlessSaysNoOneIsWatching) {
+  std::string tab = shared().open(url("/"));
+  EXPECT_EQ(shared().nurel({"ask", tab, "Please", "solve", "it"}).err,
+            "no one is watching this browser: it runs without a window. Start it with one "
+            "(NUREL_HEADED=1, with a display) for a person to answer\n");
 }
 
 }  // namespace
