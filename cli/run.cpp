@@ -65,18 +65,18 @@ void saveScreenshot(Nurel& nurel, const Json& params) {
 void answer(Nurel& nurel, const Command& command, Json params) {
   auto file = params.find("file");
   if (file == params.end()) {
-    print(printed(nurel.call(std::string(command.method), params)));
+    print(printed(nurel.call(std::string(command.name), params)));
     return;
   }
   Json path = std::move(*file);
   params.erase(file);
   if (!path.is_string()) {
-    print(printed(nurel.call(std::string(command.method), params)));
+    print(printed(nurel.call(std::string(command.name), params)));
     return;
   }
   // The whole text, not a shortened one, goes into the file, whatever --limit said.
   params["limit"] = 0;
-  Json reply = nurel.call(std::string(command.method), params);
+  Json reply = nurel.call(std::string(command.name), params);
   print(save(printed(reply), path.get<std::string>()));
 }
 

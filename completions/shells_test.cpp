@@ -4,15 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/scan.h"
 #include "cli/usage.h"
 
 namespace nurel {
 namespace {
 
 const CompletionModel& model() {
-  static const CompletionModel built = completionModel(
-      readUsage(usage()), [](std::string_view name) { return findCommand(name) != nullptr; });
+  static const CompletionModel built = completionModel(usageEntries());
   return built;
 }
 
@@ -33,7 +31,7 @@ TEST(Completion, CommandsComeInTheOrderOfTheUsageText) {
 
 TEST(Completion, ValuedOptionsAreCollectedOnceInOrder) {
   std::vector<std::string> names;
-  for (const UsageOption& option : model().valued) names.push_back(option.name);
+  for (const CompletionOption& option : model().valued) names.push_back(option.name);
   std::vector<std::string> expected = {"file", "filter",  "gone",    "intent", "limit",
                                        "ref",  "request", "seconds", "size",   "styles",
                                        "text", "timeout", "url",     "values"};

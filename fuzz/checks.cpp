@@ -122,8 +122,13 @@ bool validUtf8(std::string_view text) {
 
 std::string checkCommandLine(const uint8_t* data, size_t size) {
   if (size == 0) return "";
-  auto table = requests();
-  const Command& command = table[data[0] % table.size()];
+  static const std::vector<const Command*> table = [] {
+    std::vector<const Command*> browser;
+    for (const Command& command : commands())
+      if (command.talksToBrowser()) browser.push_back(&command);
+    return browser;
+  }();
+  const Command& command = *table[data[0] % table.size()];
   std::vector<std::string> arguments;
   if (size > 1) {
     std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);

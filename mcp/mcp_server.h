@@ -51,9 +51,6 @@ class MCPServer {
                           OrderedJson properties, const std::vector<std::string>& required);
 
  private:
-  /// The tools that only read (their "readOnlyHint" is true).
-  static const std::set<std::string, std::less<>>& readOnly();
-
   // Tool calls (mcp/tool_calls.cpp).
 
   /// Runs one tool call and returns its tool result; never fails outward.
@@ -62,8 +59,6 @@ class MCPServer {
   std::string answer(const std::string& method, const Json& arguments);
   /// {"content": [{"type": "text", "text": text}], "isError": true}
   static Json failure(const std::string& text);
-  /// Tool name to browser method, 36 entries.
-  static const std::vector<std::pair<std::string_view, std::string_view>>& methods();
 
   Nurel nurel;
   bool connected = false;

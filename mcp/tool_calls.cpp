@@ -2,9 +2,9 @@
 //
 // Every outcome is a tool result: failures carry "isError" and one text item, so the agent
 // reads what went wrong and the JSON-RPC answer is still a success.
-#include <algorithm>
 #include <new>
 
+#include "catalogue/commands.h"
 #include "mcp/mcp_server.h"
 #include "render/base64.h"
 #include "render/render.h"
@@ -75,50 +75,6 @@ Json screenshot(Nurel& nurel, const Json& arguments) {
 
 }  // namespace
 
-// clang-format off
-const std::vector<std::pair<std::string_view, std::string_view>>& MCPServer::methods() {
-  static const std::vector<std::pair<std::string_view, std::string_view>> table = {
-      {"open_tab", "open"},
-      {"list_tabs", "tabs"},
-      {"navigate", "navigate"},
-      {"snapshot", "snapshot"},
-      {"click", "click"},
-      {"type", "type"},
-      {"select_option", "choose"},
-      {"press_key", "key"},
-      {"scroll", "scroll"},
-      {"get_text", "text"},
-      {"close_tab", "close"},
-      {"describe_page", "describe"},
-      {"wait_for", "wait"},
-      {"screenshot", "screenshot"},
-      {"handle_dialog", "dialog"},
-      {"media", "media"},
-      {"batch", "batch"},
-      {"upload_file", "upload"},
-      {"sign_in", "signin"},
-      {"network", "network"},
-      {"list_scenarios", "scenarios"},
-      {"run_scenario", "run"},
-      {"hover", "hover"},
-      {"drag", "drag"},
-      {"go_back", "back"},
-      {"go_forward", "forward"},
-      {"reload", "reload"},
-      {"find", "find"},
-      {"inspect", "inspect"},
-      {"console", "console"},
-      {"evaluate", "eval"},
-      {"emulate", "emulate"},
-      {"save_pdf", "pdf"},
-      {"downloads", "downloads"},
-      {"storage", "storage"},
-      {"ask_person", "ask"},
-  };
-  return table;
-}
-// clang-format on
-
 Json MCPServer::failure(const std::string& text) { return failed(text); }
 
 std::string MCPServer::answer(const std::string& method, const Json& arguments) {
@@ -132,11 +88,9 @@ std::string MCPServer::answer(const std::string& method, const Json& arguments) 
 }
 
 Json MCPServer::call(const std::string& name, const Json& arguments) {
-  const auto& table = methods();
-  auto row = std::find_if(table.begin(), table.end(),
-                          [&name](const auto& entry) { return entry.first == name; });
-  if (row == table.end()) return failure("unknown tool " + name);
-  std::string method(row->second);
+  const Command* command = findTool(name);
+  if (!command) return failure("unknown tool " + name);
+  std::string method(command->name);
   try {
     // Connecting comes first, so even a call that lacks an argument finds the browser up.
     if (!connected) {
