@@ -5,7 +5,7 @@
 
 #include <set>
 
-#include "mcp/mcp_server.h"
+#include "catalogue/catalogue.h"
 
 namespace nurel {
 namespace {
@@ -66,7 +66,7 @@ TEST(CommandTable, ToolsCallTheirCommandsMethod) {
 
 TEST(CommandTable, EveryListedToolHasACommandAndEveryCommandButHelloATool) {
   std::set<std::string> listed, backed;
-  for (const auto& tool : MCPServer::tools()) {
+  for (const auto& tool : tools()) {
     listed.insert(tool["name"].get<std::string>());
     EXPECT_NE(nullptr, findTool(tool["name"].get<std::string>())) << tool["name"];
   }

@@ -7,27 +7,27 @@
 #include <utility>
 #include <vector>
 
+#include "catalogue/catalogue.h"
 #include "catalogue/commands.h"
-#include "mcp/mcp_server.h"
 
 namespace nurel {
 
 // clang-format off
-const OrderedJson& MCPServer::tab() {
+const OrderedJson& tabSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(An agent tab's id, as open_tab gave it ("t1"))"}};
   return schema;
 }
 
-const OrderedJson& MCPServer::ref() {
+const OrderedJson& refSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(An element's ref from the latest snapshot ("e12"))"}};
   return schema;
 }
 
-const OrderedJson& MCPServer::intent() {
+const OrderedJson& intentSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(Why, in a few words, for the person watching: it's shown over the page and kept in Nurel's log ("Opening the release notes"))"}};
@@ -35,8 +35,8 @@ const OrderedJson& MCPServer::intent() {
 }
 // clang-format on
 
-OrderedJson MCPServer::tool(const std::string& name, const std::string& description,
-                            OrderedJson properties, const std::vector<std::string>& required) {
+OrderedJson tool(const std::string& name, const std::string& description, OrderedJson properties,
+                 const std::vector<std::string>& required) {
   OrderedJson inputSchema = {
       {"type", "object"}, {"properties", std::move(properties)}, {"required", required}};
   const Command* command = findTool(name);
