@@ -39,7 +39,7 @@ std::optional<std::string> targetFile(const Command& command, const Json& params
   return std::nullopt;
 }
 
-void request(const Command& command, std::span<const std::string> arguments) {
+void request(const Place& place, const Command& command, std::span<const std::string> arguments) {
   Json params;
   try {
     params = requestParams(command, arguments);
@@ -47,7 +47,7 @@ void request(const Command& command, std::span<const std::string> arguments) {
     fail(*error.what() ? error.what() : usage());
   }
   try {
-    Nurel nurel;
+    Nurel nurel(place);
     nurel.connect();
     std::optional<std::string> file = targetFile(command, params);
     print(perform(nurel, std::string(command.name), std::move(params), file).text);
@@ -65,7 +65,7 @@ void request(const Command& command, std::span<const std::string> arguments) {
 int run(int argc, char** argv) {
   const std::string& text = usage();
   std::signal(SIGPIPE, SIG_IGN);
-  settle(executablePath(argc > 0 ? argv[0] : nullptr));
+  Place place = locate(executablePath(argc > 0 ? argv[0] : nullptr));
 
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   if (arguments.empty()) fail(text);
@@ -73,7 +73,7 @@ int run(int argc, char** argv) {
   arguments.erase(arguments.begin());
 
   if (name == "mcp") {
-    MCPServer server;
+    MCPServer server(std::move(place));
     server.run();
     return 0;
   }
@@ -83,7 +83,7 @@ int run(int argc, char** argv) {
   }
   const Command* command = findCommand(name);
   if (!command) fail(text);
-  request(*command, arguments);
+  request(place, *command, arguments);
   return 0;
 }
 

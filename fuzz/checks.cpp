@@ -47,19 +47,12 @@ class NoLaunch : public Launch {
   void pause(unsigned) override {}
 };
 
-// Sets `socketPath` for the length of one check and puts the old one back.
-class SocketPathFor {
- public:
-  explicit SocketPathFor(std::string path) : old(std::move(socketPath)) {
-    socketPath = std::move(path);
-  }
-  ~SocketPathFor() { socketPath = std::move(old); }
-  SocketPathFor(const SocketPathFor&) = delete;
-  SocketPathFor& operator=(const SocketPathFor&) = delete;
-
- private:
-  std::string old;
-};
+// A browser's place with no bundle, listening (or not) on `socket`.
+Place placeAt(std::string socket) {
+  Place place;
+  place.socketPath = std::move(socket);
+  return place;
+}
 
 std::string describe(const std::exception& error) {
   return std::string("unexpected exception: ") + error.what();
@@ -195,8 +188,7 @@ std::string checkAnswer(const Json& request, const std::optional<std::string>& a
 std::string checkMcpLines(const uint8_t* data, size_t size) {
   NoLaunch launch;
   // Nothing can ever listen under /proc, so every tool call fails to connect.
-  SocketPathFor nowhere("/proc/nurel-fuzz/agent.sock");
-  MCPServer server(launch);
+  MCPServer server(placeAt("/proc/nurel-fuzz/agent.sock"), launch);
   std::string_view input(reinterpret_cast<const char*>(data), size);
   for (size_t at = 0; at <= input.size();) {
     size_t end = input.find('\n', at);
@@ -303,8 +295,7 @@ constexpr int socketBuffer = 1 << 20;
 std::string checkReplyStream(const uint8_t* data, size_t size) {
   static Listener listener;
   NoLaunch launch;
-  SocketPathFor browser(listener.path);
-  Nurel nurel(launch);
+  Nurel nurel(placeAt(listener.path), launch);
   try {
     nurel.connect();
   } catch (const std::exception& error) {

@@ -18,8 +18,9 @@ namespace nurel {
 
 class MCPServer {
  public:
-  /// A server with an unconnected link to the browser; `launch` is the link's seam.
-  explicit MCPServer(Launch& launch = systemLaunch()) : nurel(launch) {}
+  /// A server with an unconnected link to the browser at `place`; `launch` is the link's seam.
+  explicit MCPServer(Place place, Launch& launch = systemLaunch())
+      : nurel(std::move(place), launch) {}
 
   /// Serves standard input, one line at a time, until it ends. Throws nothing and writes
   /// nothing to standard error.
