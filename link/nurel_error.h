@@ -11,18 +11,16 @@ namespace nurel {
 /// before its next call. Both are shown to people by their `text()`.
 class NurelError : public std::runtime_error {
  public:
-  enum class Kind { message, lost };
+  static NurelError message(std::string text) { return {false, std::move(text)}; }
+  static NurelError lost(std::string text) { return {true, std::move(text)}; }
 
-  static NurelError message(std::string text) { return {Kind::message, std::move(text)}; }
-  static NurelError lost(std::string text) { return {Kind::lost, std::move(text)}; }
-
-  Kind kind() const { return which; }
-  bool isLost() const { return which == Kind::lost; }
+  bool isLost() const { return lostConnection; }
   std::string text() const { return what(); }
 
  private:
-  NurelError(Kind kind, std::string text) : std::runtime_error(std::move(text)), which(kind) {}
-  Kind which;
+  NurelError(bool lost, std::string text)
+      : std::runtime_error(std::move(text)), lostConnection(lost) {}
+  bool lostConnection;
 };
 
 }  // namespace nurel
