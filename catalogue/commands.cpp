@@ -36,6 +36,13 @@ Part repeated(std::string_view shown) {
   return part;
 }
 
+// A required word that is one of `words`, filling `fills`.
+Part oneOf(std::vector<std::string_view> words, std::string_view fills) {
+  Part part = make(Part::Kind::word, fills, {});
+  part.alternatives = std::move(words);
+  return part;
+}
+
 Part flag(std::string_view name) { return make(Part::Kind::option, name, {}); }
 
 Part flags(std::vector<std::string_view> names) {
@@ -134,7 +141,7 @@ std::span<const Command> commands() {
         valued("size", "<w>x<h>")},
        "emulate", false, false, false, false,
        {"prefers-color-scheme, CSS media, the screen's size"}},
-      {"dialog", browser, {tab, word("accept|dismiss", "answer"), optional("<text>")},
+      {"dialog", browser, {tab, oneOf({"accept", "dismiss"}, "answer"), optional("<text>")},
        "handle_dialog", false, false, false, false,
        {"answer the page's alert, confirm or prompt"}},
       {"batch", browser, {tab, word("<json>", "actions")}, "batch", false, false, false, false,
@@ -181,14 +188,9 @@ const Part& actionOption() {
   return intent;
 }
 
-std::vector<std::string_view> Part::choices() const {
-  std::vector<std::string_view> out;
-  if (kind != Kind::word || shown.starts_with('<')) return out;
-  for (size_t start = 0; start <= shown.size();) {
-    size_t end = std::min(shown.find('|', start), shown.size());
-    out.push_back(shown.substr(start, end - start));
-    start = end + 1;
-  }
+std::string Part::wordShown() const {
+  std::string out(shown);
+  for (std::string_view word : alternatives) out += (out.empty() ? "" : "|") + std::string(word);
   return out;
 }
 
@@ -223,7 +225,7 @@ std::string Command::synopsis() const {
     // A deeper word opens its brackets inside those of the word before it.
     for (; open < part.depth; ++open) out += '[';
     open = part.depth;
-    out += part.shown;
+    out += part.wordShown();
     if (part.repeats) out += "...";
   }
   out.append(size_t(open), ']');

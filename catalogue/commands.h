@@ -19,19 +19,20 @@ struct Part {
   Kind kind = Kind::word;
   /// A word: what it fills ("tab"); empty when a command's rule reads it. An option: its name.
   std::string_view name;
-  /// A word: as shown ("<tab>", "<json>", "accept|dismiss"). An option: the placeholder of its
-  /// value ("<path>"), empty for a switch.
+  /// A word: its placeholder ("<tab>", "<json>"). An option: the placeholder of its value
+  /// ("<path>"), empty for a switch.
   std::string_view shown;
-  /// Switches of which one is given, shown together ("--dark|--light|--system"); `name` is
-  /// then empty.
+  /// An option: the switches of which one is given, shown together ("--dark|--light|--system");
+  /// `name` is then empty. A word: the literal words it may be ("accept|dismiss"), in place of
+  /// a placeholder.
   std::vector<std::string_view> alternatives;
   /// A word: 0 when required; 1 inside brackets, 2 inside brackets inside those.
   int depth = 0;
   /// A word that stands for any number of words ("<file>...").
   bool repeats = false;
 
-  /// The literal words a word may be ("accept", "dismiss"); empty for a placeholder.
-  std::vector<std::string_view> choices() const;
+  /// A word as the synopsis shows it: its placeholder, or its literal words joined by "|".
+  std::string wordShown() const;
   /// The option names of an option part: `name`, or its alternatives.
   std::vector<std::string_view> optionNames() const;
 };

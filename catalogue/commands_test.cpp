@@ -43,10 +43,10 @@ TEST(CommandTable, RequiredWordsFillTheirParameters) {
   EXPECT_EQ(Names(), findCommand("hello")->fills());
 }
 
-TEST(CommandTable, ChoicesAreTheLiteralWordsOfAWord) {
+TEST(CommandTable, AWordOfLiteralWordsShowsThemAll) {
   const Command& dialog = *findCommand("dialog");
-  EXPECT_EQ(std::vector<std::string_view>({"accept", "dismiss"}), dialog.parts[1].choices());
-  EXPECT_TRUE(dialog.parts[0].choices().empty());
+  EXPECT_EQ("accept|dismiss", dialog.parts[1].wordShown());
+  EXPECT_EQ("<tab>", dialog.parts[0].wordShown());
 }
 
 TEST(CommandTable, GuideAndMcpAreNotBrowserCommands) {

@@ -72,9 +72,8 @@ CompletionModel completionModel(const std::vector<UsageEntry>& entries) {
       CompletionCommand out{std::string(command->name), join(entry.description, " "), {}, {}};
       for (const Part& part : command->parts) {
         if (part.kind == Part::Kind::word) {
-          std::vector<std::string> choices;
-          for (std::string_view choice : part.choices()) choices.emplace_back(choice);
-          out.words.push_back({std::string(part.shown), std::move(choices), part.depth > 0,
+          std::vector<std::string> choices(part.alternatives.begin(), part.alternatives.end());
+          out.words.push_back({part.wordShown(), std::move(choices), part.depth > 0,
                                part.repeats});
           continue;
         }
