@@ -318,7 +318,7 @@ TEST(Catalogue, ClickButtonIsLeftOrRight) {
   EXPECT_EQ(R"({"type":"string","enum":["left","right"]})", properties("click")["button"].dump());
 }
 
-TEST(Catalogue, MediaActionHasSixteenValuesInOrder) {
+TEST(Catalogue, MediaActionValuesComeInOrder) {
   Names expected = {"state",   "play",     "pause",      "toggle",          "seek",
                     "skip",    "volume",   "mute",       "unmute",          "rate",
                     "next",    "previous", "fullscreen", "exit_fullscreen", "pip",
@@ -326,13 +326,12 @@ TEST(Catalogue, MediaActionHasSixteenValuesInOrder) {
   const OrderedJson& action = properties("media")["action"];
   EXPECT_EQ(2u, action.size());
   EXPECT_EQ("string", action["type"]);
-  EXPECT_EQ(16u, action["enum"].size());
   EXPECT_EQ(expected, action["enum"].get<Names>());
 }
 
 // The batch
 
-TEST(Catalogue, BatchStepsNameOneOfTwentyTwoTools) {
+TEST(Catalogue, BatchStepsNameOneOfTheActionTools) {
   Names expected = {"click",         "type",     "select_option", "press_key",     "scroll",
                     "hover",         "drag",     "navigate",      "go_back",       "go_forward",
                     "reload",        "wait_for", "media",         "handle_dialog", "snapshot",
@@ -341,7 +340,6 @@ TEST(Catalogue, BatchStepsNameOneOfTwentyTwoTools) {
   const OrderedJson& step = properties("batch")["actions"]["items"]["properties"]["do"];
   EXPECT_EQ(2u, step.size());
   EXPECT_EQ("string", step["type"]);
-  EXPECT_EQ(22u, step["enum"].size());
   EXPECT_EQ(expected, step["enum"].get<Names>());
 }
 

@@ -27,14 +27,10 @@ TEST(Scan, CommandsMatchExactly) {
   EXPECT_NE(nullptr, findCommand("hello"));
 }
 
-TEST(Scan, FourteenOptionsTakeAValue) {
-  int count = 0;
+TEST(Scan, TheseOptionsTakeAValue) {
   for (auto name : {"ref", "file", "text", "gone", "url", "seconds", "timeout", "intent", "filter",
-                    "limit", "values", "styles", "size", "request"}) {
+                    "limit", "values", "styles", "size", "request"})
     EXPECT_TRUE(isValued(name)) << name;
-    ++count;
-  }
-  EXPECT_EQ(14, count);
   EXPECT_FALSE(isValued("interactive"));
   EXPECT_FALSE(isValued("Ref"));
 }
