@@ -50,6 +50,10 @@ inline Place placeAt(std::string socket, std::string dataName = "Nurel") {
   return place;
 }
 
+/// A Unix stream socket bound to `path` (any file there is replaced), not yet listening; -1
+/// when it cannot be made.
+int boundSocket(const std::string& path);
+
 /// Where a FakeBrowser listens, when the test chooses: `FakeBrowser browser(At{path}, {});`.
 struct At {
   std::string socket;

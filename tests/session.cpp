@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -101,12 +100,8 @@ int Session::finish() {
 std::string Session::errors() const { return readFile(dir.file("stderr")).value_or(""); }
 
 HandMadeBrowser::HandMadeBrowser(Serve serve) : path(dir.file("agent.sock")) {
-  listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, 4) != 0)
+  listener = boundSocket(path);
+  if (listener < 0 || listen(listener, 4) != 0)
     throw std::runtime_error("cannot listen on " + path);
   worker = std::thread([this, serve = std::move(serve)] {
     for (int connection = 0;; ++connection) {
