@@ -40,17 +40,11 @@ std::optional<std::string> targetFile(const Command& command, const Json& params
 }
 
 void request(const Place& place, const Command& command, std::span<const std::string> arguments) {
-  Json params;
-  try {
-    params = requestParams(command, arguments);
-  } catch (const UsageError& error) {
-    fail(*error.what() ? error.what() : usage());
-  }
   try {
     Nurel nurel(place);
-    nurel.connect();
-    std::optional<std::string> file = targetFile(command, params);
-    print(perform(nurel, std::string(command.name), std::move(params), file).text);
+    print(runCommand(nurel, command, arguments).text);
+  } catch (const UsageError& error) {
+    fail(*error.what() ? error.what() : usage());
   } catch (const NurelError& error) {
     fail(error.text());
   } catch (const std::bad_alloc&) {
@@ -61,6 +55,13 @@ void request(const Place& place, const Command& command, std::span<const std::st
 }
 
 }  // namespace
+
+Outcome runCommand(Nurel& nurel, const Command& command, std::span<const std::string> arguments) {
+  Json params = requestParams(command, arguments);
+  nurel.connect();
+  std::optional<std::string> file = targetFile(command, params);
+  return perform(nurel, std::string(command.name), std::move(params), file);
+}
 
 int run(int argc, char** argv) {
   const std::string& text = usage();
