@@ -5,7 +5,8 @@
 
 namespace nurel {
 
-/// The agent guide: 17 lines, 2,349 bytes of UTF-8, no final line feed.
+/// The agent guide: UTF-8, no final line feed (tests/guide.txt keeps a copy of what `nurel guide`
+/// prints).
 const std::string& agentGuide();
 
 }  // namespace nurel

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "mcp/mcp_server.h"
+#include "catalogue/catalogue.h"
 #include "tests/run_nurel.h"
 
 namespace nurel {
@@ -17,12 +17,12 @@ using Names = std::vector<std::string>;
 
 Names toolNames() {
   Names names;
-  for (const OrderedJson& tool : MCPServer::tools()) names.push_back(tool["name"]);
+  for (const OrderedJson& tool : tools()) names.push_back(tool["name"]);
   return names;
 }
 
 const OrderedJson& toolNamed(const std::string& name) {
-  for (const OrderedJson& tool : MCPServer::tools()) {
+  for (const OrderedJson& tool : tools()) {
     if (tool["name"] == name) return tool;
   }
   ADD_FAILURE() << "no tool " << name;
@@ -54,7 +54,7 @@ Names sorted(Names names) {
 }
 
 OrderedJson bareTool(const std::string& name) {
-  return MCPServer::tool(name, "a tool", OrderedJson::object(), {});
+  return tool(name, "a tool", OrderedJson::object(), {});
 }
 
 // The whole list
@@ -64,8 +64,8 @@ TEST(Catalogue, MatchesTheExpectedDocument) {
   ASSERT_TRUE(text.has_value());
   OrderedJson expected = OrderedJson::parse(*text);
   // Dumps of ordered JSON differ when tools, keys or properties come in another order.
-  EXPECT_EQ(expected.dump(2), MCPServer::tools().dump(2));
-  EXPECT_EQ(expected, MCPServer::tools());
+  EXPECT_EQ(expected.dump(2), tools().dump(2));
+  EXPECT_EQ(expected, tools());
 }
 
 TEST(Catalogue, ListsThirtySixToolsInOrder) {
@@ -91,7 +91,7 @@ TEST(Catalogue, PropertiesComeInTheirListedOrder) {
 }
 
 TEST(Catalogue, EveryToolHasExactlyItsFourKeys) {
-  for (const OrderedJson& tool : MCPServer::tools()) {
+  for (const OrderedJson& tool : tools()) {
     SCOPED_TRACE(tool.value("name", ""));
     EXPECT_EQ(4u, tool.size());
     EXPECT_TRUE(tool["name"].is_string());
@@ -119,9 +119,9 @@ TEST(Catalogue, EveryRequiredNameIsAProperty) {
 }
 
 TEST(Catalogue, TextIsTheCompactListAndParsesBack) {
-  const std::string& text = MCPServer::toolsText();
-  EXPECT_EQ(MCPServer::tools().dump(), text);
-  EXPECT_EQ(MCPServer::tools().dump(2), OrderedJson::parse(text).dump(2));
+  const std::string& text = toolsText();
+  EXPECT_EQ(tools().dump(), text);
+  EXPECT_EQ(tools().dump(2), OrderedJson::parse(text).dump(2));
   EXPECT_EQ(std::string::npos, text.find('\n'));
   EXPECT_NE(std::string::npos, text.find("(file:///path/page.html:"));
   EXPECT_EQ(std::string::npos, text.find("\\/"));
@@ -129,18 +129,18 @@ TEST(Catalogue, TextIsTheCompactListAndParsesBack) {
 }
 
 TEST(Catalogue, IsBuiltOnceAndShared) {
-  EXPECT_EQ(&MCPServer::tools(), &MCPServer::tools());
-  EXPECT_EQ(&MCPServer::toolsText(), &MCPServer::toolsText());
-  EXPECT_EQ(&MCPServer::tab(), &MCPServer::tab());
-  EXPECT_EQ(&MCPServer::ref(), &MCPServer::ref());
-  EXPECT_EQ(&MCPServer::intent(), &MCPServer::intent());
+  EXPECT_EQ(&tools(), &tools());
+  EXPECT_EQ(&toolsText(), &toolsText());
+  EXPECT_EQ(&tabSchema(), &tabSchema());
+  EXPECT_EQ(&refSchema(), &refSchema());
+  EXPECT_EQ(&intentSchema(), &intentSchema());
 }
 
 // The builder and its annotations
 
 TEST(Tool, OnlyListScenariosIsClosedWorld) {
   int closed = 0;
-  for (const OrderedJson& tool : MCPServer::tools()) {
+  for (const OrderedJson& tool : tools()) {
     bool open = tool["annotations"]["openWorldHint"];
     EXPECT_EQ(tool["name"] != "list_scenarios", open) << tool["name"];
     if (!open) ++closed;
@@ -158,7 +158,7 @@ TEST(Tool, ReadOnlyHintFollowsTheExactName) {
                     "console",    "downloads",      "save_pdf"};
   std::set<std::string> listed(readOnly.begin(), readOnly.end());
   int count = 0;
-  for (const OrderedJson& tool : MCPServer::tools()) {
+  for (const OrderedJson& tool : tools()) {
     bool hint = tool["annotations"]["readOnlyHint"];
     EXPECT_EQ(listed.contains(tool["name"]), hint) << tool["name"];
     if (hint) ++count;
@@ -177,26 +177,25 @@ TEST(Tool, WithoutArgumentsStillHasEmptyPropertiesAndRequired) {
 }
 
 TEST(Tool, AddsNothingToPropertiesOrRequired) {
-  OrderedJson tool =
-      MCPServer::tool("navigate", "Go there.",
-                      {{"url", {{"type", "string"}}}, {"x", {{"type", "number"}}}}, {"url"});
+  OrderedJson built = tool("navigate", "Go there.",
+                           {{"url", {{"type", "string"}}}, {"x", {{"type", "number"}}}}, {"url"});
   EXPECT_EQ(
       R"({"name":"navigate","description":"Go there.",)"
       R"("inputSchema":{"type":"object","properties":{"url":{"type":"string"},"x":{"type":"number"}},"required":["url"]},)"
       R"("annotations":{"readOnlyHint":false,"openWorldHint":true}})",
-      tool.dump());
+      built.dump());
 }
 
 // The shared schemas
 
 TEST(Schemas, TabRefAndIntentAreStringsWithTheirDescriptions) {
-  for (const OrderedJson* schema : {&MCPServer::tab(), &MCPServer::ref(), &MCPServer::intent()}) {
+  for (const OrderedJson* schema : {&tabSchema(), &refSchema(), &intentSchema()}) {
     EXPECT_EQ(2u, schema->size());
     EXPECT_EQ("string", (*schema)["type"]);
   }
-  std::string tab = MCPServer::tab()["description"];
-  std::string ref = MCPServer::ref()["description"];
-  std::string intent = MCPServer::intent()["description"];
+  std::string tab = tabSchema()["description"];
+  std::string ref = refSchema()["description"];
+  std::string intent = intentSchema()["description"];
   EXPECT_EQ(45u, tab.size());
   EXPECT_EQ(49u, ref.size());
   EXPECT_EQ(124u, intent.size());
@@ -210,13 +209,13 @@ TEST(Schemas, EveryTabRefAndIntentPropertyIsTheSharedSchema) {
   for (const std::string& name : toolNames()) {
     for (const auto& [key, schema] : properties(name).items()) {
       if (key == "tab") {
-        EXPECT_EQ(MCPServer::tab(), schema) << name;
+        EXPECT_EQ(tabSchema(), schema) << name;
         ++tabs;
       } else if (key == "ref" || key == "to_ref") {
-        EXPECT_EQ(MCPServer::ref(), schema) << name;
+        EXPECT_EQ(refSchema(), schema) << name;
         ++refs;
       } else if (key == "intent") {
-        EXPECT_EQ(MCPServer::intent(), schema) << name;
+        EXPECT_EQ(intentSchema(), schema) << name;
         ++intents;
       }
     }
@@ -224,7 +223,7 @@ TEST(Schemas, EveryTabRefAndIntentPropertyIsTheSharedSchema) {
   EXPECT_EQ(33, tabs);
   EXPECT_EQ(10, refs);
   EXPECT_EQ(18, intents);
-  EXPECT_EQ(MCPServer::intent(), properties("batch")["actions"]["items"]["properties"]["intent"]);
+  EXPECT_EQ(intentSchema(), properties("batch")["actions"]["items"]["properties"]["intent"]);
 }
 
 // Arguments taken and required
@@ -319,7 +318,7 @@ TEST(Catalogue, ClickButtonIsLeftOrRight) {
   EXPECT_EQ(R"({"type":"string","enum":["left","right"]})", properties("click")["button"].dump());
 }
 
-TEST(Catalogue, MediaActionHasSixteenValuesInOrder) {
+TEST(Catalogue, MediaActionValuesComeInOrder) {
   Names expected = {"state",   "play",     "pause",      "toggle",          "seek",
                     "skip",    "volume",   "mute",       "unmute",          "rate",
                     "next",    "previous", "fullscreen", "exit_fullscreen", "pip",
@@ -327,13 +326,12 @@ TEST(Catalogue, MediaActionHasSixteenValuesInOrder) {
   const OrderedJson& action = properties("media")["action"];
   EXPECT_EQ(2u, action.size());
   EXPECT_EQ("string", action["type"]);
-  EXPECT_EQ(16u, action["enum"].size());
   EXPECT_EQ(expected, action["enum"].get<Names>());
 }
 
 // The batch
 
-TEST(Catalogue, BatchStepsNameOneOfTwentyTwoTools) {
+TEST(Catalogue, BatchStepsNameOneOfTheActionTools) {
   Names expected = {"click",         "type",     "select_option", "press_key",     "scroll",
                     "hover",         "drag",     "navigate",      "go_back",       "go_forward",
                     "reload",        "wait_for", "media",         "handle_dialog", "snapshot",
@@ -342,7 +340,6 @@ TEST(Catalogue, BatchStepsNameOneOfTwentyTwoTools) {
   const OrderedJson& step = properties("batch")["actions"]["items"]["properties"]["do"];
   EXPECT_EQ(2u, step.size());
   EXPECT_EQ("string", step["type"]);
-  EXPECT_EQ(22u, step["enum"].size());
   EXPECT_EQ(expected, step["enum"].get<Names>());
 }
 
@@ -379,7 +376,7 @@ TEST(Catalogue, MaxItemsIsTheJsonInteger25) {
   const OrderedJson& maxItems = properties("batch")["actions"]["maxItems"];
   EXPECT_TRUE(maxItems.is_number_integer());
   EXPECT_EQ(25, maxItems.get<int>());
-  EXPECT_NE(std::string::npos, MCPServer::toolsText().find(R"("maxItems":25,)"));
+  EXPECT_NE(std::string::npos, toolsText().find(R"("maxItems":25,)"));
 }
 
 // Types

@@ -1,32 +1,33 @@
 // catalogue/schemas.cpp: the argument schemas most tools share, and the builder of a tool.
 //
-// A tool's annotations follow from its name alone: it is read-only when listed below, and
-// every tool may reach the open web except "list_scenarios", which only reads what the person
-// recorded in the browser.
+// A tool's annotations follow from its name alone: it is read-only when the command table says
+// so, and every tool may reach the open web except "list_scenarios", which only reads what the
+// person recorded in the browser.
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "mcp/mcp_server.h"
+#include "catalogue/catalogue.h"
+#include "catalogue/commands.h"
 
 namespace nurel {
 
 // clang-format off
-const OrderedJson& MCPServer::tab() {
+const OrderedJson& tabSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(An agent tab's id, as open_tab gave it ("t1"))"}};
   return schema;
 }
 
-const OrderedJson& MCPServer::ref() {
+const OrderedJson& refSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(An element's ref from the latest snapshot ("e12"))"}};
   return schema;
 }
 
-const OrderedJson& MCPServer::intent() {
+const OrderedJson& intentSchema() {
   static const OrderedJson schema = {
       {"type", "string"},
       {"description", R"(Why, in a few words, for the person watching: it's shown over the page and kept in Nurel's log ("Opening the release notes"))"}};
@@ -34,23 +35,12 @@ const OrderedJson& MCPServer::intent() {
 }
 // clang-format on
 
-// Only the list's annotations read this set: a tool call never consults it. "screenshot" and
-// "save_pdf" count as read-only although they may write the file the agent names, and
-// "storage" does not, since it can clear a site's data.
-const std::set<std::string, std::less<>>& MCPServer::readOnly() {
-  // clang-format off
-  static const std::set<std::string, std::less<>> names = {
-      "list_tabs", "snapshot", "get_text", "describe_page", "wait_for", "screenshot",
-      "list_scenarios", "network", "find", "inspect", "console", "downloads", "save_pdf"};
-  // clang-format on
-  return names;
-}
-
-OrderedJson MCPServer::tool(const std::string& name, const std::string& description,
-                            OrderedJson properties, const std::vector<std::string>& required) {
+OrderedJson tool(const std::string& name, const std::string& description, OrderedJson properties,
+                 const std::vector<std::string>& required) {
   OrderedJson inputSchema = {
       {"type", "object"}, {"properties", std::move(properties)}, {"required", required}};
-  OrderedJson annotations = {{"readOnlyHint", readOnly().contains(name)},
+  const Command* command = findTool(name);
+  OrderedJson annotations = {{"readOnlyHint", command && command->readOnly},
                              {"openWorldHint", name != "list_scenarios"}};
   return {{"name", name},
           {"description", description},

@@ -1,9 +1,10 @@
-// cli/run.cpp: start-up in its fixed order, dispatch, the file-writing commands and the one
-// place where every failure of a command is caught.
+// cli/run.cpp: start-up in its fixed order, dispatch, where answers go, and the one place
+// where every failure of a command is caught.
 #include "cli/run.h"
 
 #include <csignal>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,19 +16,12 @@
 #include "link/nurel.h"
 #include "link/places.h"
 #include "mcp/mcp_server.h"
-#include "render/base64.h"
+#include "render/outcome.h"
 #include "render/render.h"
 
 namespace nurel {
 
 namespace {
-
-// The reply as a dictionary; anything else counts as an empty one.
-const std::string* memberString(const Json& reply, const char* key) {
-  if (!reply.is_object()) return nullptr;
-  auto it = reply.find(key);
-  return it != reply.end() && it->is_string() ? &it->get_ref<const std::string&>() : nullptr;
-}
 
 std::string tabText(const Json& params) {
   auto tab = params.find("tab");
@@ -35,67 +29,22 @@ std::string tabText(const Json& params) {
   return tab->is_string() ? tab->get<std::string>() : printed(*tab);
 }
 
-std::string targetFile(const Json& params, const char* extension) {
+// Where the answer goes: --file, or for a PDF or a screenshot a file named after the tab in the
+// current folder ("t1.pdf").
+std::optional<std::string> targetFile(const Command& command, const Json& params) {
   auto file = params.find("file");
-  if (file != params.end() && file->is_string()) return file->get<std::string>();
-  return tabText(params) + extension;
+  if (file != params.end()) return file->get<std::string>();  // valued options are strings
+  if (command.name == "pdf") return tabText(params) + ".pdf";
+  if (command.name == "screenshot") return tabText(params) + ".png";
+  return std::nullopt;
 }
 
-void savePdf(Nurel& nurel, const Json& params) {
-  auto tab = params.find("tab");
-  // Only the tab goes to the browser: --intent, --file and the rest stay here.
-  Json reply = nurel.call("pdf", {{"tab", tab != params.end() ? *tab : Json("")}});
-  auto bytes = takeDecoded(reply, "pdf");
-  if (!bytes) fail("no PDF");
-  std::string path = writeFile(targetFile(params, ".pdf"), *bytes);
-  print("saved to " + path);
-}
-
-void saveScreenshot(Nurel& nurel, const Json& params) {
-  Json reply = nurel.call("screenshot", params);
-  auto bytes = takeDecoded(reply, "png");
-  if (!bytes) fail("no screenshot");
-  std::string path = writeFile(targetFile(params, ".png"), *bytes);
-  // Nothing is printed before the file is written.
-  const std::string* refs = memberString(reply, "refs");
-  std::string out = refs && !refs->empty() ? *refs + "\n" : "";
-  print(out + "saved to " + path);
-}
-
-void answer(Nurel& nurel, const Command& command, Json params) {
-  auto file = params.find("file");
-  if (file == params.end()) {
-    print(printed(nurel.call(std::string(command.method), params)));
-    return;
-  }
-  Json path = std::move(*file);
-  params.erase(file);
-  if (!path.is_string()) {
-    print(printed(nurel.call(std::string(command.method), params)));
-    return;
-  }
-  // The whole text, not a shortened one, goes into the file, whatever --limit said.
-  params["limit"] = 0;
-  Json reply = nurel.call(std::string(command.method), params);
-  print(save(printed(reply), path.get<std::string>()));
-}
-
-void request(const Command& command, std::span<const std::string> arguments) {
-  Json params;
+void request(const Place& place, const Command& command, std::span<const std::string> arguments) {
   try {
-    params = requestParams(command, arguments);
+    Nurel nurel(place);
+    print(runCommand(nurel, command, arguments).text);
   } catch (const UsageError& error) {
     fail(*error.what() ? error.what() : usage());
-  }
-  try {
-    Nurel nurel;
-    nurel.connect();
-    if (command.name == "pdf")
-      savePdf(nurel, params);
-    else if (command.name == "screenshot")
-      saveScreenshot(nurel, params);
-    else
-      answer(nurel, command, std::move(params));
   } catch (const TextError& error) {
     // The link's, the reader's and the file writer's errors: their texts whole, NUL bytes and all.
     fail(error.text());
@@ -108,10 +57,17 @@ void request(const Command& command, std::span<const std::string> arguments) {
 
 }  // namespace
 
+Outcome runCommand(Nurel& nurel, const Command& command, std::span<const std::string> arguments) {
+  Json params = requestParams(command, arguments);
+  nurel.connect();
+  std::optional<std::string> file = targetFile(command, params);
+  return perform(nurel, std::string(command.name), std::move(params), file);
+}
+
 int run(int argc, char** argv) {
   const std::string& text = usage();
   std::signal(SIGPIPE, SIG_IGN);
-  settle(executablePath(argc > 0 ? argv[0] : nullptr));
+  Place place = locate(executablePath(argc > 0 ? argv[0] : nullptr));
 
   std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
   if (arguments.empty()) fail(text);
@@ -119,7 +75,7 @@ int run(int argc, char** argv) {
   arguments.erase(arguments.begin());
 
   if (name == "mcp") {
-    MCPServer server;
+    MCPServer server(std::move(place));
     server.run();
     return 0;
   }
@@ -129,7 +85,7 @@ int run(int argc, char** argv) {
   }
   const Command* command = findCommand(name);
   if (!command) fail(text);
-  request(*command, arguments);
+  request(place, *command, arguments);
   return 0;
 }
 

@@ -1,4 +1,4 @@
-// cli/scan.h: the command table and the one grammar that turns words into request parameters.
+// cli/scan.h: the one grammar that turns words into request parameters.
 #pragma once
 
 #include <span>
@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "catalogue/commands.h"
 #include "link/json.h"
 
 namespace nurel {
@@ -16,23 +17,6 @@ class UsageError : public std::runtime_error {
  public:
   explicit UsageError(const std::string& message = "") : std::runtime_error(message) {}
 };
-
-/// One row of the command table: the browser method a command calls and the parameter names
-/// its positional words fill, in order.
-struct Command {
-  std::string_view name;
-  std::string_view method;
-  std::vector<std::string_view> names;
-};
-
-/// The command table, 37 rows (`hello` among them, though the usage text does not list it).
-std::span<const Command> requests();
-
-/// The row for `name` (matched exactly, case-sensitively), or null.
-const Command* findCommand(std::string_view name);
-
-/// Whether the option `--name` takes the next word as its value.
-bool isValued(std::string_view name);
 
 /// The words after the command, read into parameters.
 struct Scanned {

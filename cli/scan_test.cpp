@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "cli/usage.h"
 
 namespace nurel {
@@ -14,18 +12,8 @@ Json scanned(const std::string& command, std::vector<std::string> words) {
   return scan(*findCommand(command), words).params;
 }
 
-TEST(Scan, TheTableHas37CommandsEachCallingItsOwnMethod) {
-  std::set<std::string_view> names;
-  for (const Command& command : requests()) {
-    EXPECT_EQ(command.name, command.method);
-    names.insert(command.name);
-  }
-  EXPECT_EQ(37u, requests().size());
-  EXPECT_EQ(37u, names.size());
-}
-
 TEST(Scan, EveryCommandButHelloIsInTheUsage) {
-  for (const Command& command : requests()) {
+  for (const Command& command : commands()) {
     bool listed = usage().find("\n  " + std::string(command.name) + " ") != std::string::npos ||
                   usage().find("| " + std::string(command.name) + " ") != std::string::npos;
     EXPECT_EQ(command.name != "hello", listed) << command.name;
@@ -39,14 +27,10 @@ TEST(Scan, CommandsMatchExactly) {
   EXPECT_NE(nullptr, findCommand("hello"));
 }
 
-TEST(Scan, FourteenOptionsTakeAValue) {
-  int count = 0;
+TEST(Scan, TheseOptionsTakeAValue) {
   for (auto name : {"ref", "file", "text", "gone", "url", "seconds", "timeout", "intent", "filter",
-                    "limit", "values", "styles", "size", "request"}) {
+                    "limit", "values", "styles", "size", "request"})
     EXPECT_TRUE(isValued(name)) << name;
-    ++count;
-  }
-  EXPECT_EQ(14, count);
   EXPECT_FALSE(isValued("interactive"));
   EXPECT_FALSE(isValued("Ref"));
 }

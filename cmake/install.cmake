@@ -67,6 +67,15 @@ set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build[^/]*/" "/node_modules/")
 # /usr.
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(NUREL_PLIST_LIBRARY AND NUREL_PLIST_SONAME AND NOT DEFINED NUREL_PLIST_PACKAGE)
+  # The package of the libplist found, which dpkg-shlibdeps cannot see behind a dlopen.
+  get_filename_component(plist_folder ${NUREL_PLIST_LIBRARY} DIRECTORY)
+  execute_process(COMMAND dpkg-query -S ${plist_folder}/${NUREL_PLIST_SONAME}
+                  OUTPUT_VARIABLE plist_owner ERROR_QUIET)
+  if(plist_owner MATCHES "^([^:]+)")
+    set(NUREL_PLIST_PACKAGE ${CMAKE_MATCH_1} CACHE STRING "The Debian package of libplist")
+  endif()
+endif()
 # Chromium is run, and libplist loaded at run time, rather than linked: dpkg-shlibdeps sees
 # neither.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "chromium | chromium-headless-shell")

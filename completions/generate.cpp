@@ -1,20 +1,15 @@
 // completions/generate.cpp: the build step that writes the shell completions and the manual
-// page from the usage text compiled into nurel.
+// page from the command table compiled into nurel.
 //
 //   nurel_generate <nurel.bash> <_nurel> <nurel.fish> <nurel.1.in> <nurel.1>
-//
-// The command table says which commands talk to the browser (and so take --intent); the
-// usage text says everything else.
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
 
-#include "cli/scan.h"
 #include "cli/usage.h"
 #include "completions/manual.h"
 #include "completions/shells.h"
-#include "completions/usage_model.h"
 
 namespace {
 
@@ -42,15 +37,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    nurel::UsageModel usage = nurel::readUsage(nurel::usage());
-    auto isBrowserCommand = [](std::string_view name) {
-      return nurel::findCommand(name) != nullptr;
-    };
-    nurel::CompletionModel completion = nurel::completionModel(usage, isBrowserCommand);
+    std::vector<nurel::UsageEntry> entries = nurel::usageEntries();
+    nurel::CompletionModel completion = nurel::completionModel(entries);
     writeText(argv[1], nurel::bashCompletion(completion));
     writeText(argv[2], nurel::zshCompletion(completion));
     writeText(argv[3], nurel::fishCompletion(completion));
-    writeText(argv[5], nurel::manualPage(readText(argv[4]), usage));
+    writeText(argv[5], nurel::manualPage(readText(argv[4]), entries));
   } catch (const std::exception& error) {
     std::cerr << "nurel_generate: " << error.what() << "\n";
     return 1;

@@ -97,16 +97,16 @@ std::string roffSynopsis(std::string_view synopsis) {
   return out;  // it starts with \fB, never with a control character
 }
 
-std::string manualCommands(const UsageModel& usage) {
+std::string manualCommands(const std::vector<UsageEntry>& entries) {
   std::string out;
-  for (const UsageEntry& entry : usage.entries) {
+  for (const UsageEntry& entry : entries) {
     out += ".TP\n" + roffSynopsis(entry.synopsis) + "\n";
-    for (const std::string& line : entry.description) out += breakable(roffText(line)) + "\n";
+    for (std::string_view line : entry.description) out += breakable(roffText(line)) + "\n";
   }
   return out;
 }
 
-std::string manualPage(std::string_view page, const UsageModel& usage) {
+std::string manualPage(std::string_view page, const std::vector<UsageEntry>& entries) {
   std::string out;
   bool filled = false;
   size_t start = 0;
@@ -114,7 +114,7 @@ std::string manualPage(std::string_view page, const UsageModel& usage) {
     size_t end = page.find('\n', start);
     std::string_view line = page.substr(start, end == std::string_view::npos ? end : end - start);
     if (line == "@COMMANDS@") {
-      out += manualCommands(usage);
+      out += manualCommands(entries);
       filled = true;
     } else {
       out += std::string(line) + "\n";
@@ -122,7 +122,7 @@ std::string manualPage(std::string_view page, const UsageModel& usage) {
     if (end == std::string_view::npos) break;
     start = end + 1;
   }
-  if (!filled) throw UsageFormatError("the manual page has no @COMMANDS@ line");
+  if (!filled) throw ManualError("the manual page has no @COMMANDS@ line");
   return out;
 }
 

@@ -1,14 +1,16 @@
-// completions/manual.h: the COMMANDS section of the manual page, written from the usage text.
+// completions/manual.h: the COMMANDS section of the manual page, written from the usage entries.
 //
 // The page itself (doc/nurel.1.in) is roff written by hand; only the list of commands, with
 // their synopses and descriptions as the usage text gives them, is filled in at build time, so
 // that the page cannot lose a command or an option that the program has.
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "completions/usage_model.h"
+#include "cli/usage.h"
 
 namespace nurel {
 
@@ -29,10 +31,16 @@ std::string breakable(std::string_view line);
 std::string roffSynopsis(std::string_view synopsis);
 
 /// One tagged paragraph per usage entry: the synopsis, then the description.
-std::string manualCommands(const UsageModel& usage);
+std::string manualCommands(const std::vector<UsageEntry>& entries);
 
-/// `page` with every line that is exactly "@COMMANDS@" replaced by `manualCommands(usage)`.
-/// Throws UsageFormatError when the page has no such line.
-std::string manualPage(std::string_view page, const UsageModel& usage);
+/// A manual page without the line that the commands replace.
+class ManualError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// `page` with every line that is exactly "@COMMANDS@" replaced by `manualCommands(entries)`.
+/// Throws ManualError when the page has no such line.
+std::string manualPage(std::string_view page, const std::vector<UsageEntry>& entries);
 
 }  // namespace nurel

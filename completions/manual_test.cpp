@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/scan.h"
 #include "cli/usage.h"
 
 namespace nurel {
@@ -38,20 +37,20 @@ TEST(Manual, SynopsisMarksNamesAndPlaceholders) {
 }
 
 TEST(Manual, CommandsNameEveryCommandOfTheTable) {
-  std::string commands = manualCommands(readUsage(usage()));
-  for (const Command& row : requests()) {
-    bool named = commands.find("\\fB" + std::string(row.name) + "\\fR") != std::string::npos;
+  std::string section = manualCommands(usageEntries());
+  for (const Command& row : commands()) {
+    bool named = section.find("\\fB" + std::string(row.name) + "\\fR") != std::string::npos;
     EXPECT_EQ(row.name != "hello", named) << row.name;
   }
-  EXPECT_NE(std::string::npos, commands.find(".TP\n\\fBguide\\fR\nhow agents drive Nurel"));
-  EXPECT_NE(std::string::npos, commands.find(".TP\n\\fBmcp\\fR\n"));
+  EXPECT_NE(std::string::npos, section.find(".TP\n\\fBguide\\fR\nhow agents drive Nurel"));
+  EXPECT_NE(std::string::npos, section.find(".TP\n\\fBmcp\\fR\n"));
 }
 
 TEST(Manual, PageGetsTheCommandsInPlaceOfItsMarker) {
-  UsageModel usage = readUsage("Usage: t\n  list   all of them\n");
+  std::vector<UsageEntry> entries = {{"list", {"all of them"}, {}}};
   EXPECT_EQ(".SH COMMANDS\n.TP\n\\fBlist\\fR\nall of them\n.SH END\n",
-            manualPage(".SH COMMANDS\n@COMMANDS@\n.SH END\n", usage));
-  EXPECT_THROW(manualPage(".SH COMMANDS\n", usage), UsageFormatError);
+            manualPage(".SH COMMANDS\n@COMMANDS@\n.SH END\n", entries));
+  EXPECT_THROW(manualPage(".SH COMMANDS\n", entries), ManualError);
 }
 
 }  // namespace

@@ -8,12 +8,13 @@ namespace nurel {
 namespace {
 
 const char* const generatedNote =
-    "# Generated at build time from nurel's usage text (the one `nurel guide` prints):\n"
-    "# change that text, not this file.\n";
+    "# Generated at build time from nurel's command table (catalogue/commands.cpp):\n"
+    "# change that table, not this file.\n";
 
-std::string join(const std::vector<std::string>& words, const std::string& separator) {
+template <typename Words>
+std::string join(const Words& words, const std::string& separator) {
   std::string out;
-  for (const std::string& word : words) out += (out.empty() ? "" : separator) + word;
+  for (const auto& word : words) out += (out.empty() ? "" : separator) + std::string(word);
   return out;
 }
 
@@ -36,48 +37,62 @@ std::string fishQuoted(const std::string& text) {
 
 std::vector<std::string> optionWords(const CompletionCommand& command) {
   std::vector<std::string> out;
-  for (const UsageOption& option : command.options) out.push_back("--" + option.name);
+  for (const CompletionOption& option : command.options) out.push_back("--" + option.name);
   return out;
 }
 
 std::vector<std::string> valuedNames(const CompletionModel& model, bool files) {
   std::vector<std::string> out;
-  for (const UsageOption& option : model.valued)
+  for (const CompletionOption& option : model.valued)
     if (!files || namesFile(option.value)) out.push_back(option.name);
   return out;
 }
 
 size_t requiredWords(const CompletionCommand& command) {
   return std::count_if(command.words.begin(), command.words.end(),
-                       [](const UsageWord& word) { return !word.optional; });
+                       [](const CompletionWord& word) { return !word.optional; });
 }
 
 // How a positional word at `index` (0 is the tab) is completed, as a shell condition on the
 // count of positional words before the cursor: "== 1", or ">= 2" for a repeated last word.
-std::string condition(const UsageWord& word, size_t index) {
+std::string condition(const CompletionWord& word, size_t index) {
   return (word.repeats ? ">= " : "== ") + std::to_string(index);
 }
 
 }  // namespace
 
-CompletionModel completionModel(const UsageModel& usage, const IsBrowserCommand& isBrowserCommand) {
+bool namesFile(std::string_view placeholder) {
+  return placeholder == "<file>" || placeholder == "<path>";
+}
+
+CompletionModel completionModel(const std::vector<UsageEntry>& entries) {
   CompletionModel model;
-  for (const UsageEntry& entry : usage.entries)
-    for (const UsageCommand& command : entry.commands) {
-      auto same = [&](const CompletionCommand& c) { return c.name == command.name; };
-      if (std::any_of(model.commands.begin(), model.commands.end(), same)) continue;
-      std::string summary = join(entry.description, " ");
-      model.commands.push_back(
-          {command.name, summary, optionsOf(usage, command, isBrowserCommand), command.words});
+  for (const UsageEntry& entry : entries)
+    for (const Command* command : entry.commands) {
+      CompletionCommand out{std::string(command->name), join(entry.description, " "), {}, {}};
+      for (const Part& part : command->parts) {
+        if (part.kind == Part::Kind::word) {
+          std::vector<std::string> choices(part.alternatives.begin(), part.alternatives.end());
+          out.words.push_back({part.wordShown(), std::move(choices), part.depth > 0,
+                               part.repeats});
+          continue;
+        }
+        for (std::string_view name : part.optionNames())
+          out.options.push_back({std::string(name), std::string(part.shown)});
+      }
+      if (command->talksToBrowser())
+        out.options.push_back(
+            {std::string(actionOption().name), std::string(actionOption().shown)});
+      model.commands.push_back(std::move(out));
     }
   for (const CompletionCommand& command : model.commands)
-    for (const UsageOption& option : command.options) {
-      auto same = [&](const UsageOption& o) { return o.name == option.name; };
+    for (const CompletionOption& option : command.options) {
+      auto same = [&](const CompletionOption& o) { return o.name == option.name; };
       if (!option.value.empty() && std::none_of(model.valued.begin(), model.valued.end(), same))
         model.valued.push_back(option);
     }
   std::sort(model.valued.begin(), model.valued.end(),
-            [](const UsageOption& a, const UsageOption& b) { return a.name < b.name; });
+            [](const CompletionOption& a, const CompletionOption& b) { return a.name < b.name; });
   return model;
 }
 
@@ -142,7 +157,7 @@ _nurel()
     out += "        " + command.name + ")\n";
     out += "            options=" + shellQuoted(join(optionWords(command), " ")) + "\n";
     for (size_t i = 0; i < command.words.size(); ++i) {
-      const UsageWord& word = command.words[i];
+      const CompletionWord& word = command.words[i];
       if (namesFile(word.placeholder))
         out += "            ((count " + condition(word, i) + ")) && files=1\n";
       else if (!word.choices.empty())
@@ -209,7 +224,7 @@ _nurel() {
       ()" +
          join(valuedNames(model, true), "|") + R"() _files ;;
 )";
-  for (const UsageOption& option : model.valued)
+  for (const CompletionOption& option : model.valued)
     if (!namesFile(option.value))
       out += "      (" + option.name + ") _message -e values " +
              shellQuoted("--" + option.name + " " + option.value) + " ;;\n";
@@ -221,13 +236,13 @@ _nurel() {
 )";
   for (const CompletionCommand& command : model.commands) {
     std::vector<std::string> described;
-    for (const UsageOption& option : command.options)
+    for (const CompletionOption& option : command.options)
       described.push_back(
           shellQuoted("--" + option.name + (option.value.empty() ? "" : ":" + option.value)));
     out += "    (" + command.name + ")\n";
     out += "      options=(" + join(described, " ") + ")\n";
     for (size_t i = 0; i < command.words.size(); ++i) {
-      const UsageWord& word = command.words[i];
+      const CompletionWord& word = command.words[i];
       if (namesFile(word.placeholder))
         out += "      (( count " + condition(word, i) + " )) && files=1\n";
       else if (!word.choices.empty())
@@ -315,13 +330,13 @@ function __nurel_complete --description 'completions for the nurel command line'
 )";
   for (const CompletionCommand& command : model.commands) {
     std::vector<std::string> described;
-    for (const UsageOption& option : command.options)
+    for (const CompletionOption& option : command.options)
       described.push_back("--" + option.name +
                           (option.value.empty() ? "" : "\\t" + fishQuoted(option.value)));
     out += "        case " + command.name + "\n";
     out += "            set options " + join(described, " ") + "\n";
     for (size_t i = 0; i < command.words.size(); ++i) {
-      const UsageWord& word = command.words[i];
+      const CompletionWord& word = command.words[i];
       std::string test = std::string(word.repeats ? "-ge " : "-eq ") + std::to_string(i);
       if (namesFile(word.placeholder))
         out += "            test $count " + test + "; and set files 1\n";

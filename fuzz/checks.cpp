@@ -47,19 +47,12 @@ class NoLaunch : public Launch {
   void pause(unsigned) override {}
 };
 
-// Sets `socketPath` for the length of one check and puts the old one back.
-class SocketPathFor {
- public:
-  explicit SocketPathFor(std::string path) : old(std::move(socketPath)) {
-    socketPath = std::move(path);
-  }
-  ~SocketPathFor() { socketPath = std::move(old); }
-  SocketPathFor(const SocketPathFor&) = delete;
-  SocketPathFor& operator=(const SocketPathFor&) = delete;
-
- private:
-  std::string old;
-};
+// A browser's place with no bundle, listening (or not) on `socket`.
+Place placeAt(std::string socket) {
+  Place place;
+  place.socketPath = std::move(socket);
+  return place;
+}
 
 std::string describe(const std::exception& error) {
   return std::string("unexpected exception: ") + error.what();
@@ -144,8 +137,13 @@ bool validUtf8(std::string_view text) {
 
 std::string checkCommandLine(const uint8_t* data, size_t size) {
   if (size == 0) return "";
-  auto table = requests();
-  const Command& command = table[data[0] % table.size()];
+  static const std::vector<const Command*> table = [] {
+    std::vector<const Command*> browser;
+    for (const Command& command : commands())
+      if (command.talksToBrowser()) browser.push_back(&command);
+    return browser;
+  }();
+  const Command& command = *table[data[0] % table.size()];
   std::vector<std::string> arguments;
   if (size > 1) {
     std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
@@ -223,8 +221,7 @@ std::string checkAnswer(std::string_view line, const Json& request,
 std::string checkMcpLines(const uint8_t* data, size_t size) {
   NoLaunch launch;
   // Nothing can ever listen under /proc, so every tool call fails to connect.
-  SocketPathFor nowhere("/proc/nurel-fuzz/agent.sock");
-  MCPServer server(launch);
+  MCPServer server(placeAt("/proc/nurel-fuzz/agent.sock"), launch);
   std::string_view input(reinterpret_cast<const char*>(data), size);
   for (size_t at = 0; at <= input.size();) {
     size_t end = input.find('\n', at);
@@ -331,8 +328,7 @@ constexpr int socketBuffer = 1 << 20;
 std::string checkReplyStream(const uint8_t* data, size_t size) {
   static Listener listener;
   NoLaunch launch;
-  SocketPathFor browser(listener.path);
-  Nurel nurel(launch);
+  Nurel nurel(placeAt(listener.path), launch);
   try {
     nurel.connect();
   } catch (const std::exception& error) {

@@ -1,31 +1,49 @@
-// link/home.cpp: "~" expansion and absolute paths, shared by both platforms.
+// link/home.cpp: the home folder, "~" expansion and absolute paths.
 #include "link/home.h"
 
 #include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <vector>
 
 namespace nurel {
+
+namespace {
+
+// The home folder of the user `name`, or of the current user when `name` is null, from the
+// password database; empty when it has none.
+std::string homeFromPasswords(const char* name) {
+  std::vector<char> scratch(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  int error = name ? getpwnam_r(name, &entry, scratch.data(), scratch.size(), &found)
+                   : getpwuid_r(getuid(), &entry, scratch.data(), scratch.size(), &found);
+  return error == 0 && found && found->pw_dir ? found->pw_dir : "";
+}
+
+}  // namespace
+
+std::string homeDirectory() {
+#if !defined(__APPLE__)
+  // Linux programs honour $HOME; macOS's file manager reports the password database's folder
+  // for an unsandboxed process, whatever $HOME says.
+  const char* home = std::getenv("HOME");
+  if (home && *home) return home;
+#endif
+  return homeFromPasswords(nullptr);
+}
 
 std::string expandTilde(const std::string& path) {
   if (path.empty() || path[0] != '~') return path;
   auto slash = path.find('/');
   std::string name = path.substr(1, slash == std::string::npos ? std::string::npos : slash - 1);
   std::string rest = slash == std::string::npos ? "" : path.substr(slash);
-  std::string home;
-  if (name.empty()) {
-    home = homeDirectory();
-  } else if (name.find('\0') == std::string::npos) {
-    // A name holding a NUL byte is nobody's, while the system would read it only up to that byte.
-    std::vector<char> scratch(16384);
-    passwd entry{};
-    passwd* found = nullptr;
-    if (getpwnam_r(name.c_str(), &entry, scratch.data(), scratch.size(), &found) == 0 && found &&
-        found->pw_dir)
-      home = found->pw_dir;
-  }
+  // A name holding a NUL byte is nobody's, while the system would read it only up to that byte.
+  std::string home = name.empty()                           ? homeDirectory()
+                     : name.find('\0') == std::string::npos ? homeFromPasswords(name.c_str())
+                                                            : std::string();
   if (home.empty()) return path;
   // "~/x" with home "/" must not give "//x".
   if (home.size() > 1 && home.back() == '/' && !rest.empty()) home.pop_back();

@@ -1,4 +1,4 @@
-// link/home.h: the user's home folder and "~" in paths (one implementation per platform).
+// link/home.h: the user's home folder and "~" in paths.
 #pragma once
 
 #include <string>

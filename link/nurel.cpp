@@ -11,7 +11,6 @@
 #include <new>
 
 #include "link/large_memory.h"
-#include "link/places.h"
 
 namespace nurel {
 
@@ -31,7 +30,8 @@ bool Nurel::attempt() {
   std::memset(&address, 0, sizeof address);
   address.sun_family = AF_UNIX;
   // Paths are cut at 103 bytes, even inside a character, whatever room the platform has.
-  std::memcpy(address.sun_path, socketPath.data(), std::min(socketPath.size(), pathBytes));
+  const std::string& path = place.socketPath;
+  std::memcpy(address.sun_path, path.data(), std::min(path.size(), pathBytes));
   if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     close(socket);
     return false;
@@ -45,12 +45,12 @@ bool Nurel::attempt() {
 
 void Nurel::connect() {
   if (attempt()) return;
-  launch.start(appURL, info);
+  launch.start(place.bundlePath, place.info);
   for (int i = 0; i < 100; ++i) {
     launch.pause(200000);
     if (attempt()) return;
   }
-  throw NurelError::lost("couldn't reach " + dataName + ": is it running?");
+  throw NurelError::lost("couldn't reach " + place.dataName + ": is it running?");
 }
 
 char* Nurel::Buffer::extend(size_t count) {
@@ -91,7 +91,7 @@ size_t Nurel::nextLine() {
         return size_t(newline - start);
     searched = buffer.size();
     ssize_t got = read(fd, buffer.extend(readBlock), readBlock);
-    if (got < 1) throw NurelError::lost(dataName + " closed the connection");
+    if (got < 1) throw NurelError::lost(place.dataName + " closed the connection");
     buffer.grew(size_t(got));
   }
 }
@@ -107,7 +107,7 @@ Json Nurel::call(const std::string& method, const Json& params) {
   request += '\n';
   for (size_t sent = 0; sent < request.size();) {
     ssize_t wrote = write(fd, request.data() + sent, request.size() - sent);
-    if (wrote < 1) throw NurelError::lost("lost the connection to " + dataName);
+    if (wrote < 1) throw NurelError::lost("lost the connection to " + place.dataName);
     sent += size_t(wrote);
   }
   for (;;) {
@@ -118,7 +118,7 @@ Json Nurel::call(const std::string& method, const Json& params) {
       reply = parseDocument(std::string_view(buffer.data(), length));
     } catch (const JsonError& error) {
       dropLine(length);
-      throw JsonError("couldn't read a reply from " + dataName + ": " + error.text());
+      throw JsonError("couldn't read a reply from " + place.dataName + ": " + error.text());
     } catch (...) {
       dropLine(length);
       throw;

@@ -12,21 +12,24 @@
 #include "link/json.h"
 #include "link/launch.h"
 #include "link/nurel_error.h"
+#include "link/places.h"
 
 namespace nurel {
 
 class Nurel {
  public:
-  /// A new, unconnected link. `launch` starts the browser and paces the retries of connect().
-  explicit Nurel(Launch& launch = systemLaunch()) : launch(launch) {}
+  /// A new, unconnected link to the browser at `place`. `launch` starts the browser and paces
+  /// the retries of connect().
+  explicit Nurel(Place place, Launch& launch = systemLaunch())
+      : place(std::move(place)), launch(launch) {}
   /// Leaves the descriptor open on purpose: it lives until exit or a later connect().
   ~Nurel() = default;
   Nurel(const Nurel&) = delete;
   Nurel& operator=(const Nurel&) = delete;
 
-  /// Connects to `socketPath`; when nothing answers, starts the browser and tries 100 more
-  /// times, 0.2 s apart. On success any earlier descriptor is closed and unread bytes are
-  /// dropped. Throws NurelError::lost("couldn't reach <dataName>: is it running?").
+  /// Connects to the place's socket; when nothing answers, starts the browser in its bundle and
+  /// tries 100 more times, 0.2 s apart. On success any earlier descriptor is closed and unread
+  /// bytes are dropped. Throws NurelError::lost("couldn't reach <dataName>: is it running?").
   void connect();
 
   /// Sends one request and returns the "result" of the reply with its id (null when the reply
@@ -69,6 +72,7 @@ class Nurel {
     size_t used = 0, room = 0;
   };
 
+  Place place;
   Launch& launch;
   int fd = -1;
   // Bytes read but not yet taken as lines; may hold the start of the next reply.

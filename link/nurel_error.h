@@ -12,17 +12,14 @@ namespace nurel {
 /// before its next call. Both are shown to people by their `text()`, every byte of it.
 class NurelError : public TextError {
  public:
-  enum class Kind { message, lost };
+  static NurelError message(std::string text) { return {false, std::move(text)}; }
+  static NurelError lost(std::string text) { return {true, std::move(text)}; }
 
-  static NurelError message(std::string text) { return {Kind::message, std::move(text)}; }
-  static NurelError lost(std::string text) { return {Kind::lost, std::move(text)}; }
-
-  Kind kind() const { return which; }
-  bool isLost() const { return which == Kind::lost; }
+  bool isLost() const { return lostConnection; }
 
  private:
-  NurelError(Kind kind, std::string text) : TextError(std::move(text)), which(kind) {}
-  Kind which;
+  NurelError(bool lost, std::string text) : TextError(std::move(text)), lostConnection(lost) {}
+  bool lostConnection;
 };
 
 }  // namespace nurel

@@ -31,12 +31,13 @@ class RecordingLaunch : public Launch {
   void pause(unsigned microseconds) override {
     pauses.push_back(microseconds);
     if (pauses.size() == upOnPause)
-      browser = std::make_unique<FakeBrowser>(testing::At{socketPath}, std::vector<std::string>{});
+      browser = std::make_unique<FakeBrowser>(testing::At{upAt}, std::vector<std::string>{});
   }
   std::vector<std::string> starts;
   std::vector<Json> infos;
   std::vector<unsigned> pauses;
   size_t upOnPause = 0;
+  std::string upAt;
   std::unique_ptr<FakeBrowser> browser;
 };
 
@@ -62,12 +63,8 @@ std::string unreadable(Nurel& nurel) {
 
 class LinkTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    appURL = "/Applications/Nurel.app";
-    info = Json::object();
-    dataName = "Nurel";
-  }
-  void TearDown() override { dataName = "Nurel"; }
+  void SetUp() override { place.bundlePath = "/Applications/Nurel.app"; }
+  Place place;
   RecordingLaunch launch;
 };
 
@@ -75,8 +72,8 @@ Json params(const std::string& line) { return Json::parse(line).at("params"); }
 
 TEST_F(LinkTest, FirstAttemptSucceedsWithoutLaunching) {
   FakeBrowser browser({R"({"id":$id,"result":"t1"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json("t1"), nurel.call("open", {{"url", "https://example.com"}}));
   EXPECT_TRUE(launch.starts.empty());
@@ -85,9 +82,10 @@ TEST_F(LinkTest, FirstAttemptSucceedsWithoutLaunching) {
 
 TEST_F(LinkTest, LaunchesThenPollsUntilTheBrowserAnswers) {
   TempDir dir;
-  socketPath = dir.file("late.sock");
+  place.socketPath = dir.file("late.sock");
   launch.upOnPause = 3;
-  Nurel nurel(launch);
+  launch.upAt = place.socketPath;
+  Nurel nurel(place, launch);
   nurel.connect();
   ASSERT_EQ(1u, launch.starts.size());
   EXPECT_EQ("/Applications/Nurel.app", launch.starts[0]);
@@ -98,8 +96,8 @@ TEST_F(LinkTest, LaunchesThenPollsUntilTheBrowserAnswers) {
 
 TEST_F(LinkTest, GivesUpAfterAHundredAttempts) {
   TempDir dir;
-  socketPath = dir.file("nobody.sock");
-  Nurel nurel(launch);
+  place.socketPath = dir.file("nobody.sock");
+  Nurel nurel(place, launch);
   try {
     nurel.connect();
     FAIL() << "connect() succeeded with nothing listening";
@@ -113,9 +111,9 @@ TEST_F(LinkTest, GivesUpAfterAHundredAttempts) {
 
 TEST_F(LinkTest, TheMessageNamesTheDataName) {
   TempDir dir;
-  socketPath = dir.file("nobody.sock");
-  dataName = "Nurel Beta";
-  Nurel nurel(launch);
+  place.socketPath = dir.file("nobody.sock");
+  place.dataName = "Nurel Beta";
+  Nurel nurel(place, launch);
   try {
     nurel.connect();
     FAIL();
@@ -126,50 +124,50 @@ TEST_F(LinkTest, TheMessageNamesTheDataName) {
 
 TEST_F(LinkTest, TheLaunchIsGivenTheBundleAndItsInfo) {
   TempDir dir;
-  socketPath = dir.file("nobody.sock");
-  info = {{"CFBundleExecutable", "Nurel"}};
-  Nurel nurel(launch);
+  place.socketPath = dir.file("nobody.sock");
+  place.info = {{"CFBundleExecutable", "Nurel"}};
+  Nurel nurel(place, launch);
   EXPECT_THROW(nurel.connect(), NurelError);
   ASSERT_EQ(1u, launch.infos.size());
-  EXPECT_EQ(info, launch.infos[0]);
+  EXPECT_EQ(place.info, launch.infos[0]);
 }
 
 TEST_F(LinkTest, AnEmptySocketPathIsUsedAsItIs) {
-  socketPath = "";
-  Nurel nurel(launch);
+  place.socketPath = "";
+  Nurel nurel(place, launch);
   EXPECT_THROW(nurel.connect(), NurelError);
   EXPECT_EQ(1u, launch.starts.size());
   EXPECT_EQ(100u, launch.pauses.size());
 }
 
-TEST_F(LinkTest, LongSocketPathsAreCutAt103Bytes) {
-  TempDir dir;
-  std::string cut = dir.path() + "/";
-  cut += std::string(103 - cut.size(), 's');
-  ASSERT_EQ(103u, cut.size());
-  FakeBrowser browser(testing::At{cut}, {});
-  socketPath = cut + "-and-more-bytes-beyond";
-  Nurel nurel(launch);
+// A socket path of `stem` (102 bytes), then `rest`, reaches the browser listening on its first
+// 103 bytes, at once.
+void expectCutAt103Bytes(Place place, RecordingLaunch& launch, const std::string& stem,
+                         const std::string& rest) {
+  ASSERT_EQ(102u, stem.size());
+  FakeBrowser browser(testing::At{stem + rest.substr(0, 1)}, {});
+  place.socketPath = stem + rest;
+  Nurel nurel(place, launch);
   nurel.connect();
   nurel.call("tabs");
   EXPECT_TRUE(browser.waitFor(1));
   EXPECT_TRUE(launch.starts.empty());
 }
 
+std::string stemIn(const TempDir& dir) {
+  std::string stem = dir.path() + "/";
+  return stem + std::string(102 - stem.size(), 's');
+}
+
+TEST_F(LinkTest, LongSocketPathsAreCutAt103Bytes) {
+  TempDir dir;
+  expectCutAt103Bytes(place, launch, stemIn(dir), "s-and-more-bytes-beyond");
+}
+
 TEST_F(LinkTest, TheCutMayFallInsideACharacter) {
   TempDir dir;
-  std::string before = dir.path() + "/";
-  before += std::string(102 - before.size(), 's');
   // "\xc3\xa9" is one character; its first byte is the 103rd of the path.
-  std::string cut = before + "\xc3";
-  ASSERT_EQ(103u, cut.size());
-  FakeBrowser browser(testing::At{cut}, {});
-  socketPath = before + "\xc3\xa9-and-more";
-  Nurel nurel(launch);
-  nurel.connect();
-  nurel.call("tabs");
-  EXPECT_TRUE(browser.waitFor(1));
-  EXPECT_TRUE(launch.starts.empty());
+  expectCutAt103Bytes(place, launch, stemIn(dir), "\xc3\xa9-and-more");
 }
 
 TEST_F(LinkTest, ReconnectingClosesTheOldDescriptorAndDropsBufferedBytes) {
@@ -177,8 +175,8 @@ TEST_F(LinkTest, ReconnectingClosesTheOldDescriptorAndDropsBufferedBytes) {
   FakeBrowser browser(
       {R"(!bytes "{\"id\":1,\"result\":\"first\"}\n{\"id\":2,\"result\":\"stale\"}\n")",
        R"({"id":$id,"result":"fresh"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   int old = nurel.descriptor();
   struct stat before {};
@@ -200,13 +198,13 @@ TEST_F(LinkTest, AFailedConnectKeepsTheDescriptorAndTheBufferedBytes) {
   FakeBrowser browser(
       {R"(!bytes "{\"id\":1,\"result\":\"first\"}\n{\"id\":2,\"result\":\"buffered\"}\n")",
        R"({"id":$id,"result":"read afresh"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   int old = nurel.descriptor();
   EXPECT_EQ(Json("first"), nurel.call("tabs"));
-  TempDir dir;
-  socketPath = dir.file("nobody.sock");
+  // Nothing new reaches the browser once its socket is gone from the folder.
+  ASSERT_EQ(0, unlink(browser.socket().c_str()));
   EXPECT_THROW(nurel.connect(), NurelError);
   EXPECT_EQ(100u, launch.pauses.size());
   EXPECT_EQ(old, nurel.descriptor());
@@ -218,10 +216,10 @@ TEST_F(LinkTest, AFailedConnectKeepsTheDescriptorAndTheBufferedBytes) {
 
 TEST_F(LinkTest, DestroyingALinkLeavesItsDescriptorOpen) {
   FakeBrowser browser;
-  socketPath = browser.socket();
+  place.socketPath = browser.socket();
   int fd = -1;
   {
-    Nurel nurel(launch);
+    Nurel nurel(place, launch);
     nurel.connect();
     fd = nurel.descriptor();
   }
@@ -231,8 +229,8 @@ TEST_F(LinkTest, DestroyingALinkLeavesItsDescriptorOpen) {
 
 TEST_F(LinkTest, IdsCountFromOneAndAreUsedUpByFailedCalls) {
   FakeBrowser browser({R"({"id":$id,"error":"no such tab"})", R"({"id":$id,"result":2})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_THROW(nurel.call("close", {{"tab", "t9"}}), NurelError);
   EXPECT_EQ(Json(2), nurel.call("tabs"));
@@ -244,8 +242,8 @@ TEST_F(LinkTest, IdsCountFromOneAndAreUsedUpByFailedCalls) {
 
 TEST_F(LinkTest, RequestsAreCompactLinesWithMethodAndParams) {
   FakeBrowser browser;
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   nurel.call("click", {{"tab", "t1"}, {"ref", "e5"}});
   nurel.call("tabs");
@@ -257,8 +255,8 @@ TEST_F(LinkTest, RequestsAreCompactLinesWithMethodAndParams) {
 
 TEST_F(LinkTest, AReplySplitAcrossReadsIsReassembled) {
   FakeBrowser browser({R"(!split "{\"id\":1,\"res" "ult\":{\"a\":" "[1,2]}}\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json({{"a", {1, 2}}}), nurel.call("tabs"));
 }
@@ -266,8 +264,8 @@ TEST_F(LinkTest, AReplySplitAcrossReadsIsReassembled) {
 TEST_F(LinkTest, TwoRepliesInOneReadAreBothKept) {
   FakeBrowser browser(
       {R"(!bytes "{\"id\":1,\"result\":\"one\"}\n{\"id\":2,\"result\":\"two\"}\n")", "!none"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json("one"), nurel.call("tabs"));
   EXPECT_EQ(Json("two"), nurel.call("tabs"));
@@ -275,8 +273,8 @@ TEST_F(LinkTest, TwoRepliesInOneReadAreBothKept) {
 
 TEST_F(LinkTest, AnErrorLineForAnyIdEndsTheCall) {
   FakeBrowser browser({R"({"id":1,"result":"late"})", R"({"id":7,"error":"stale trouble"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   nurel.call("tabs");
   std::optional<NurelError> error = callFailure(nurel);
@@ -287,16 +285,16 @@ TEST_F(LinkTest, AnErrorLineForAnyIdEndsTheCall) {
 
 TEST_F(LinkTest, ANonStringErrorIsNotAnError) {
   FakeBrowser browser({R"({"id":$id,"error":{"code":1},"result":"fine"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json("fine"), nurel.call("tabs"));
 }
 
 TEST_F(LinkTest, NoResultAndNullResultBothGiveNull) {
   FakeBrowser browser({R"({"id":$id})", R"({"id":$id,"result":null})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_TRUE(nurel.call("tabs").is_null());
   EXPECT_TRUE(nurel.call("tabs").is_null());
@@ -305,16 +303,16 @@ TEST_F(LinkTest, NoResultAndNullResultBothGiveNull) {
 TEST_F(LinkTest, ArraysStaleIdsAndStringIdsAreSkipped) {
   FakeBrowser browser(
       {R"(!bytes "[1,2]\n{\"id\":\"1\",\"result\":\"string id\"}\n{\"id\":5,\"result\":\"stale\"}\n{\"result\":\"no id\"}\n{\"id\":1.5,\"result\":\"x\"}\n{\"id\":1,\"result\":\"mine\"}\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json("mine"), nurel.call("tabs"));
 }
 
 TEST_F(LinkTest, AnEmptyLineIsADecodingError) {
   FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":1}\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: empty line where JSON was expected"),
             unreadable(nurel));
@@ -322,8 +320,8 @@ TEST_F(LinkTest, AnEmptyLineIsADecodingError) {
 
 TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
   FakeBrowser browser({R"(!bytes "42\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: JSON text that is neither an "
                         "object nor an array"),
@@ -332,8 +330,8 @@ TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
 
 TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
   FakeBrowser browser({"hello there"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   std::string text = unreadable(nurel);
   EXPECT_EQ(0u, text.find("couldn't read a reply from Nurel: ")) << text;
@@ -344,8 +342,8 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
 TEST_F(LinkTest, ANulByteAfterTheReplyMakesTheLineUnreadable) {
   // A NUL byte does not end the line: what follows it is part of the line, and no JSON.
   FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: syntax error while parsing value - "
                         "invalid literal; last read: '<U+0000>'; expected end of input (at byte "
@@ -355,8 +353,8 @@ TEST_F(LinkTest, ANulByteAfterTheReplyMakesTheLineUnreadable) {
 
 TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
   FakeBrowser browser({R"({"id":$id,"error":"a\u0000b"})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   std::optional<NurelError> error = callFailure(nurel);
   ASSERT_TRUE(error);
@@ -366,8 +364,8 @@ TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
 TEST_F(LinkTest, IntegersBeyond64BitsGoBothWaysDigitForDigit) {
   FakeBrowser browser(
       {R"(!bytes "{\"id\":18446744073709551617,\"result\":\"not mine\"}\n{\"id\":1,\"result\":{\"n\":-123456789012345678901234567890}}\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   Json sent = {{"values", {{"n", largeInteger("18446744073709551616")}}}};
   EXPECT_EQ(Json({{"n", largeInteger("-123456789012345678901234567890")}}),
@@ -378,9 +376,9 @@ TEST_F(LinkTest, IntegersBeyond64BitsGoBothWaysDigitForDigit) {
 
 TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
   FakeBrowser browser({"!close"});
-  socketPath = browser.socket();
-  dataName = "Nurel Beta";
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  place.dataName = "Nurel Beta";
+  Nurel nurel(place, launch);
   nurel.connect();
   std::optional<NurelError> error = callFailure(nurel);
   ASSERT_TRUE(error);
@@ -389,7 +387,7 @@ TEST_F(LinkTest, ClosingBeforeTheReplyIsALostConnection) {
 }
 
 TEST_F(LinkTest, CallingWithoutConnectingFailsAtTheWrite) {
-  Nurel nurel(launch);
+  Nurel nurel(place, launch);
   std::optional<NurelError> error = callFailure(nurel);
   ASSERT_TRUE(error);
   EXPECT_TRUE(error->isLost());
@@ -399,9 +397,9 @@ TEST_F(LinkTest, CallingWithoutConnectingFailsAtTheWrite) {
 TEST_F(LinkTest, WritingToABrowserThatHasGoneNamesTheDataName) {
   std::signal(SIGPIPE, SIG_IGN);  // as the program does at start-up
   FakeBrowser browser({"!close"});
-  socketPath = browser.socket();
-  dataName = "Nurel Beta";
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  place.dataName = "Nurel Beta";
+  Nurel nurel(place, launch);
   nurel.connect();
   // The browser hangs up without answering; the next request has nobody to go to.
   EXPECT_THROW(nurel.call("tabs"), NurelError);
@@ -412,8 +410,8 @@ TEST_F(LinkTest, WritingToABrowserThatHasGoneNamesTheDataName) {
 }
 
 TEST_F(LinkTest, CallingWithoutConnectingNamesTheDataName) {
-  dataName = "Nurel Beta";
-  Nurel nurel(launch);
+  place.dataName = "Nurel Beta";
+  Nurel nurel(place, launch);
   std::optional<NurelError> error = callFailure(nurel);
   ASSERT_TRUE(error);
   EXPECT_EQ("lost the connection to Nurel Beta", error->text());
@@ -421,9 +419,9 @@ TEST_F(LinkTest, CallingWithoutConnectingNamesTheDataName) {
 
 TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
   FakeBrowser browser({R"(!bytes "42\n")"});
-  socketPath = browser.socket();
-  dataName = "Nurel Beta";
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  place.dataName = "Nurel Beta";
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel Beta: JSON text that is neither an "
                         "object nor an array"),
@@ -432,8 +430,8 @@ TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
 
 TEST_F(LinkTest, ParametersThatAreNotUtf8CannotBeSent) {
   FakeBrowser browser;
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_THROW(nurel.call("open", {{"url", "\xff"}}), JsonError);
   EXPECT_EQ(Json(nullptr), nurel.call("tabs"));
@@ -444,8 +442,8 @@ TEST_F(LinkTest, ParametersThatAreNotUtf8CannotBeSent) {
 TEST_F(LinkTest, ALongReplyArrivingInManyReadsIsOneLine) {
   std::string big(3 * 65536 + 17, 'x');
   FakeBrowser browser({R"({"id":$id,"result":")" + big + R"("})"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json(big), nurel.call("text"));
 }
@@ -454,8 +452,8 @@ TEST_F(LinkTest, ALargeReplyAndTheLineAfterItAreBothKept) {
   std::string big(5 * 65536 + 3, 'x');
   std::string bytes = R"({"id":1,"result":")" + big + "\"}\n" + R"({"id":2,"result":"two"})" + "\n";
   FakeBrowser browser({"!bytes " + Json(bytes).dump(), "!none"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json(big), nurel.call("text"));
   EXPECT_EQ(Json("two"), nurel.call("tabs"));
@@ -465,8 +463,8 @@ TEST_F(LinkTest, AnUnreadableLargeLineIsDroppedWithItsError) {
   std::string big(5 * 65536, 'x');
   FakeBrowser browser(
       {"!bytes " + Json("[\"" + big + "\n" + R"({"id":2,"result":"two"})" + "\n").dump(), "!none"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_THROW(nurel.call("text"), JsonError);
   EXPECT_EQ(Json("two"), nurel.call("tabs"));
@@ -474,8 +472,8 @@ TEST_F(LinkTest, AnUnreadableLargeLineIsDroppedWithItsError) {
 
 TEST_F(LinkTest, ATrickledReplyIsReassembled) {
   FakeBrowser browser({R"(!trickle "{\"id\":1,\"result\":[\"slow\"]}\n")"});
-  socketPath = browser.socket();
-  Nurel nurel(launch);
+  place.socketPath = browser.socket();
+  Nurel nurel(place, launch);
   nurel.connect();
   EXPECT_EQ(Json({"slow"}), nurel.call("tabs"));
 }

@@ -150,12 +150,4 @@ Place locate(const std::string& executable) {
   return place;
 }
 
-void settle(const std::string& executable) {
-  Place place = locate(executable);
-  appURL = std::move(place.bundlePath);
-  info = std::move(place.info);
-  dataName = std::move(place.dataName);
-  socketPath = std::move(place.socketPath);
-}
-
 }  // namespace nurel

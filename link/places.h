@@ -1,4 +1,4 @@
-// link/places.h: where the browser lives and where its socket is, settled once at start-up.
+// link/places.h: where the browser lives and where its socket is.
 #pragma once
 
 #include <string>
@@ -6,17 +6,6 @@
 #include "link/json.h"
 
 namespace nurel {
-
-/// The application bundle that holds this executable (three folders above it).
-inline std::string appURL;
-/// The bundle's Contents/Info.plist as a dictionary; empty when missing or unreadable.
-inline Json info = Json::object();
-/// The browser's data folder name, "NurelDataName" of `info`, else "Nurel". It also names the
-/// browser in every connection message.
-inline std::string dataName = "Nurel";
-/// Where the browser listens: $NUREL_SOCKET when set (even empty), else
-/// ~/Library/Application Support/<dataName>/agent.sock.
-inline std::string socketPath;
 
 /// The bundle folder for an executable path: symbolic links resolved, then the last three
 /// path components removed ("/A/B.app/Contents/MacOS/nurel" gives "/A/B.app").
@@ -36,15 +25,16 @@ std::string socketPathOf(const char* environment, const std::string& home,
 struct Place {
   std::string bundlePath;     ///< the bundle folder, as bundleOf() gives it
   Json info = Json::object();  ///< its Contents/Info.plist, as readInfo() gives it
+  /// The browser's data folder name, "NurelDataName" of `info`, else "Nurel". It also names
+  /// the browser in every connection message.
   std::string dataName = "Nurel";
-  std::string socketPath;     ///< $NUREL_SOCKET when set (even empty), else the default path
+  /// $NUREL_SOCKET when set (even empty), else
+  /// ~/Library/Application Support/<dataName>/agent.sock.
+  std::string socketPath;
 };
 
 /// The place of the browser that belongs to `executable`, from its bundle and the environment.
 /// nurel connects there; the back end listens there.
 Place locate(const std::string& executable);
-
-/// Sets `appURL`, `info`, `dataName` and `socketPath`, in that order, from locate().
-void settle(const std::string& executable);
 
 }  // namespace nurel

@@ -14,6 +14,7 @@
 #include <new>
 
 #include "catalogue/agent_guide.h"
+#include "catalogue/catalogue.h"
 #include "render/render.h"
 
 namespace nurel {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "catalogue/agent_guide.h"
+#include "catalogue/catalogue.h"
 #include "link/places.h"
 #include "tests/fake_browser.h"
 #include "tests/run_nurel.h"
@@ -41,24 +42,8 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-// Points socketPath at a test's browser and puts it back afterwards.
-class ScopedSocket {
- public:
-  explicit ScopedSocket(const std::string& path) : old(socketPath), oldName(dataName) {
-    socketPath = path;
-    dataName = "Nurel";
-  }
-  ~ScopedSocket() {
-    socketPath = old;
-    dataName = oldName;
-  }
-
- private:
-  std::string old, oldName;
-};
-
 TEST(McpServer, InitializeHoldsExactlyFourMembers) {
-  MCPServer server;
+  MCPServer server{Place()};
   Json answer = answered(server, R"({"jsonrpc":"2.0","id":1,"method":"initialize"})");
   Json expected = {{"protocolVersion", "2025-06-18"},
                    {"capabilities", {{"tools", Json::object()}}},
@@ -68,7 +53,7 @@ TEST(McpServer, InitializeHoldsExactlyFourMembers) {
 }
 
 TEST(McpServer, InitializeSendsTheGuideByteForByte) {
-  MCPServer server;
+  MCPServer server{Place()};
   auto answer = server.handle(R"({"jsonrpc":"2.0","id":1,"method":"initialize"})");
   ASSERT_TRUE(answer);
   // The guide's "›" travels as UTF-8, not as an escape.
@@ -77,7 +62,7 @@ TEST(McpServer, InitializeSendsTheGuideByteForByte) {
 }
 
 TEST(McpServer, ToolsListCarriesTheCatalogueInOrder) {
-  MCPServer server;
+  MCPServer server{Place()};
   auto answer = server.handle(R"({"jsonrpc":"2.0","id":"list","method":"tools/list"})");
   ASSERT_TRUE(answer);
   EXPECT_EQ(std::string::npos, answer->find('\n'));
@@ -85,14 +70,13 @@ TEST(McpServer, ToolsListCarriesTheCatalogueInOrder) {
   OrderedJson read = OrderedJson::parse(*answer);
   EXPECT_EQ("2.0", read["jsonrpc"]);
   EXPECT_EQ("list", read["id"]);
-  EXPECT_EQ(MCPServer::tools().dump(), read["result"]["tools"].dump());
-  EXPECT_EQ(36u, read["result"]["tools"].size());
+  EXPECT_EQ(tools().dump(), read["result"]["tools"].dump());
   EXPECT_EQ(3u, read.size());
   EXPECT_EQ(1u, read["result"].size());
 }
 
 TEST(McpServer, ToolsListEchoesAnyId) {
-  MCPServer server;
+  MCPServer server{Place()};
   for (const char* id : {"null", "0", "-1", "\"a/b\"", "1.5", "[1]"}) {
     Json answer = answered(
         server, std::string(R"({"jsonrpc":"2.0","method":"tools/list","id":)") + id + "}");
@@ -102,7 +86,7 @@ TEST(McpServer, ToolsListEchoesAnyId) {
 }
 
 TEST(McpServer, ParamsThatAreNotAnObjectCountAsEmpty) {
-  MCPServer server;
+  MCPServer server{Place()};
   for (const char* params : {"[]", "null", "\"x\"", "3"}) {
     Json answer = answered(
         server, std::string(R"({"jsonrpc":"2.0","id":1,"method":"ping","params":)") + params + "}");
@@ -111,7 +95,7 @@ TEST(McpServer, ParamsThatAreNotAnObjectCountAsEmpty) {
 }
 
 TEST(McpServer, UnreadableInputGetsNoAnswer) {
-  MCPServer server;
+  MCPServer server{Place()};
   for (const char* line :
        {"", " ", "not json", "{", "[]", "[{\"id\":1,\"method\":\"ping\"}]", "{}", "7", "\"ping\"",
         "null", R"({"jsonrpc":"2.0","method":"ping"})", R"({"id":1,"method":"ping"} x)",
@@ -123,8 +107,7 @@ TEST(McpServer, UnreadableInputGetsNoAnswer) {
 TEST(McpServer, ANulByteAfterTheMessageMakesTheLineUnreadable) {
   // A NUL byte is no end of the line: the line is the message and what follows, no JSON.
   FakeBrowser browser;
-  ScopedSocket scoped(browser.socket());
-  MCPServer server;
+  MCPServer server(testing::placeAt(browser.socket()));
   const std::string call =
       R"({"jsonrpc":"2.0","id":31,"method":"tools/call","params":{"name":"list_tabs"}})";
   for (const std::string& line :
@@ -139,7 +122,7 @@ TEST(McpServer, ANulByteAfterTheMessageMakesTheLineUnreadable) {
 }
 
 TEST(McpServer, IdsBeyond64BitsAreEchoedDigitForDigit) {
-  MCPServer server;
+  MCPServer server{Place()};
   for (const std::string id :
        {"-9223372036854775809", "18446744073709551616", "123456789012345678901234567890"}) {
     EXPECT_EQ(R"({"id":)" + id + R"(,"jsonrpc":"2.0","result":{}})",
@@ -152,7 +135,7 @@ TEST(McpServer, IdsBeyond64BitsAreEchoedDigitForDigit) {
 }
 
 TEST(McpServer, TooDeeplyNestedInputGetsNoAnswer) {
-  MCPServer server;
+  MCPServer server{Place()};
   std::string deep = R"({"id":1,"method":"ping","params":)" + std::string(100000, '[') +
                      std::string(100000, ']') + "}";
   EXPECT_FALSE(server.handle(deep));
@@ -160,14 +143,14 @@ TEST(McpServer, TooDeeplyNestedInputGetsNoAnswer) {
 }
 
 TEST(McpServer, TheJsonrpcMemberIsNotLookedAt) {
-  MCPServer server;
+  MCPServer server{Place()};
   EXPECT_EQ((Json{{"jsonrpc", "2.0"}, {"id", 1}, {"result", Json::object()}}),
             answered(server, R"({"id":1,"method":"ping","jsonrpc":"1.0"})"));
 }
 
 // Runs MCPServer::run() with standard input read from `input` and standard output sent to
 // `output` (a descriptor), then puts both back.
-void runWith(const std::string& input, int output) {
+void runWith(const std::string& input, int output, Place place = Place()) {
   TempDir dir;
   writeTestFile(dir.file("in"), input);
   int in = open(dir.file("in").c_str(), O_RDONLY | O_CLOEXEC);
@@ -176,7 +159,7 @@ void runWith(const std::string& input, int output) {
   dup2(in, 0);
   dup2(output, 1);
   close(in);
-  MCPServer server;
+  MCPServer server(std::move(place));
   server.run();
   dup2(savedIn, 0);
   dup2(savedOut, 1);
@@ -236,13 +219,13 @@ TEST(McpRun, ManyLinesInOneReadAreAnsweredInOrder) {
 TEST(McpRun, KeepsReadingWhenTheHostStopsReading) {
   std::signal(SIGPIPE, SIG_IGN);  // as the program does at start-up
   FakeBrowser browser;
-  ScopedSocket scoped(browser.socket());
   int pipe[2];
   ASSERT_EQ(0, ::pipe2(pipe, O_CLOEXEC));
   close(pipe[0]);  // nobody reads the answers
   std::string call =
       R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_tabs"}})";
-  runWith(ping1 + "\n" + call + "\n" + ping1 + "\n" + call + "\n", pipe[1]);
+  runWith(ping1 + "\n" + call + "\n" + ping1 + "\n" + call + "\n", pipe[1],
+          testing::placeAt(browser.socket()));
   close(pipe[1]);
   EXPECT_EQ(2u, browser.requests().size());
 }

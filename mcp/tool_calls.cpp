@@ -1,13 +1,12 @@
-// mcp/tool_calls.cpp: a tool call becomes one browser request, and its reply a tool result.
+// mcp/tool_calls.cpp: a tool call becomes one browser request, and its outcome a tool result.
 //
 // Every outcome is a tool result: failures carry "isError" and one text item, so the agent
 // reads what went wrong and the JSON-RPC answer is still a success.
-#include <algorithm>
 #include <new>
 
+#include "catalogue/commands.h"
 #include "mcp/mcp_server.h"
-#include "render/base64.h"
-#include "render/render.h"
+#include "render/outcome.h"
 
 namespace nurel {
 
@@ -17,135 +16,46 @@ Json textResult(std::string text) {
   return {{"content", Json::array({{{"type", "text"}, {"text", std::move(text)}}})}};
 }
 
-// The reply as a dictionary; anything else counts as an empty one.
-const std::string* memberString(const Json& reply, const char* key) {
-  if (!reply.is_object()) return nullptr;
-  auto it = reply.find(key);
-  return it != reply.end() && it->is_string() ? &it->get_ref<const std::string&>() : nullptr;
-}
-
-Json failed(std::string text) {
+Json failure(std::string text) {
   Json result = textResult(std::move(text));
   result["isError"] = true;
   return result;
 }
 
-// Arguments' "file" when it is a string, else the empty string.
-std::string fileOf(const Json& arguments) {
-  const std::string* file = memberString(arguments, "file");
-  return file ? *file : std::string();
+// The arguments' "file" when it is a string that is not empty: an empty one goes to the
+// browser as it stands.
+std::optional<std::string> fileOf(const Json& arguments) {
+  auto file = arguments.find("file");
+  if (file == arguments.end() || !file->is_string() || file->get_ref<const std::string&>().empty())
+    return std::nullopt;
+  return file->get<std::string>();
 }
 
-Json savePdf(Nurel& nurel, const Json& arguments) {
-  std::string file = fileOf(arguments);
-  if (file.empty()) return failed("file is missing: where to save the PDF");
-  // Only the tab goes to the browser: the intent and the file stay here.
-  auto tab = arguments.find("tab");
-  Json reply = nurel.call("pdf", {{"tab", tab != arguments.end() ? *tab : Json("")}});
-  auto bytes = takeDecoded(reply, "pdf");
-  if (!bytes) return failed("no PDF");
-  std::string path = writeFile(file, *bytes);
-  auto title = reply.find("title");
-  std::string named = title == reply.end() ? "the page" : printed(*title);
-  return textResult("saved " + named + " to " + path);
-}
-
-Json screenshot(Nurel& nurel, const Json& arguments) {
-  Json params = arguments;
-  params.erase("file");
-  std::string file = fileOf(arguments);
-  Json reply = nurel.call("screenshot", params);
-  const std::string* png = memberString(reply, "png");
-  const std::string* refs = memberString(reply, "refs");
-  bool hasRefs = refs && !refs->empty();
-  if (!file.empty()) {
-    auto bytes = takeDecoded(reply, "png");
-    if (!bytes) return failed("no screenshot");
-    std::string path = writeFile(file, *bytes);
-    return textResult((hasRefs ? *refs + "\n" : "") + "saved to " + path);
-  }
-  // Inline, a reply without an image is not an error: the agent sees an empty image. The image
-  // is moved, not copied, from the reply: it may be hundreds of MiB.
-  Json image = {{"type", "image"}, {"data", ""}, {"mimeType", "image/png"}};
-  if (png) image["data"] = std::move(reply["png"]);
-  Json content = Json::array({std::move(image)});
-  if (hasRefs) content.push_back({{"type", "text"}, {"text", *refs}});
+Json presented(Outcome outcome) {
+  if (outcome.title) return textResult("saved " + *outcome.title + " to " + outcome.path);
+  if (!outcome.image) return textResult(std::move(outcome.text));
+  Json content = Json::array(
+      {{{"type", "image"}, {"data", std::move(*outcome.image)}, {"mimeType", "image/png"}}});
+  if (!outcome.refs.empty()) content.push_back({{"type", "text"}, {"text", outcome.refs}});
   return {{"content", std::move(content)}};
 }
 
 }  // namespace
 
-// clang-format off
-const std::vector<std::pair<std::string_view, std::string_view>>& MCPServer::methods() {
-  static const std::vector<std::pair<std::string_view, std::string_view>> table = {
-      {"open_tab", "open"},
-      {"list_tabs", "tabs"},
-      {"navigate", "navigate"},
-      {"snapshot", "snapshot"},
-      {"click", "click"},
-      {"type", "type"},
-      {"select_option", "choose"},
-      {"press_key", "key"},
-      {"scroll", "scroll"},
-      {"get_text", "text"},
-      {"close_tab", "close"},
-      {"describe_page", "describe"},
-      {"wait_for", "wait"},
-      {"screenshot", "screenshot"},
-      {"handle_dialog", "dialog"},
-      {"media", "media"},
-      {"batch", "batch"},
-      {"upload_file", "upload"},
-      {"sign_in", "signin"},
-      {"network", "network"},
-      {"list_scenarios", "scenarios"},
-      {"run_scenario", "run"},
-      {"hover", "hover"},
-      {"drag", "drag"},
-      {"go_back", "back"},
-      {"go_forward", "forward"},
-      {"reload", "reload"},
-      {"find", "find"},
-      {"inspect", "inspect"},
-      {"console", "console"},
-      {"evaluate", "eval"},
-      {"emulate", "emulate"},
-      {"save_pdf", "pdf"},
-      {"downloads", "downloads"},
-      {"storage", "storage"},
-      {"ask_person", "ask"},
-  };
-  return table;
-}
-// clang-format on
-
-Json MCPServer::failure(const std::string& text) { return failed(text); }
-
-std::string MCPServer::answer(const std::string& method, const Json& arguments) {
-  std::string file = fileOf(arguments);
-  if (file.empty()) return printed(nurel.call(method, arguments));
-  Json params = arguments;
-  params.erase("file");
-  // The whole text goes into the file, not a shortened one, whatever limit the agent gave.
-  params["limit"] = 0;
-  return save(printed(nurel.call(method, params)), file);
-}
-
 Json MCPServer::call(const std::string& name, const Json& arguments) {
-  const auto& table = methods();
-  auto row = std::find_if(table.begin(), table.end(),
-                          [&name](const auto& entry) { return entry.first == name; });
-  if (row == table.end()) return failure("unknown tool " + name);
-  std::string method(row->second);
+  const Command* command = findTool(name);
+  if (!command) return failure("unknown tool " + name);
+  std::string method(command->name);
   try {
     // Connecting comes first, so even a call that lacks an argument finds the browser up.
     if (!connected) {
       nurel.connect();
       connected = true;
     }
-    if (method == "pdf") return savePdf(nurel, arguments);
-    if (method == "screenshot") return screenshot(nurel, arguments);
-    return textResult(answer(method, arguments));
+    Json params = arguments;
+    // Where an agent's screenshot goes is no business of the browser's.
+    if (method == "screenshot") params.erase("file");
+    return presented(perform(nurel, method, std::move(params), fileOf(arguments)));
   } catch (const NurelError& error) {
     // After a lost connection the next tool call connects again.
     if (error.isLost()) connected = false;

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "catalogue/catalogue.h"
 #include "link/launch.h"
 #include "link/places.h"
 #include "mcp/mcp_server.h"
@@ -43,24 +44,18 @@ int connectionsSeen(const FakeBrowser& fake, int count) {
 
 class ToolCalls : public ::testing::Test {
  protected:
-  ToolCalls() : oldSocket(socketPath), oldName(dataName), oldHome(std::getenv("HOME")) {
-    dataName = "Nurel";
-    socketPath = dir.file("none.sock");  // nothing listens here unless a test says so
-    setenv("HOME", dir.path().c_str(), 1);
-  }
+  ToolCalls() : oldHome(std::getenv("HOME")) { setenv("HOME", dir.path().c_str(), 1); }
   ~ToolCalls() override {
-    socketPath = oldSocket;
-    dataName = oldName;
     if (oldHome)
       setenv("HOME", oldHome->c_str(), 1);
     else
       unsetenv("HOME");
   }
 
-  // A fake browser with this script, and the server pointed at it.
+  // A fake browser with this script, where the server looks for one.
   FakeBrowser& browser(std::vector<std::string> script = {}) {
-    fake = std::make_unique<FakeBrowser>(std::move(script));
-    socketPath = fake->socket();
+    fake.reset();
+    fake = std::make_unique<FakeBrowser>(testing::At{socket}, std::move(script));
     return *fake;
   }
 
@@ -70,7 +65,7 @@ class ToolCalls : public ::testing::Test {
                     {"id", ++id},
                     {"method", "tools/call"},
                     {"params", {{"name", name}, {"arguments", arguments}}}};
-    auto answer = server.handle(request.dump());
+    auto answer = server->handle(request.dump());
     if (!answer) return "no answer";
     return Json::parse(*answer).at("result");
   }
@@ -88,14 +83,15 @@ class ToolCalls : public ::testing::Test {
     return {{"content", {{{"type", "text"}, {"text", text}}}}, {"isError", true}};
   }
 
-  TempDir dir;
+  TempDir dir, socketDir;
+  // Nothing listens here unless a test says so.
+  std::string socket = socketDir.file("agent.sock");
   RecordingLaunch launch;
-  MCPServer server{launch};
+  std::unique_ptr<MCPServer> server = std::make_unique<MCPServer>(testing::placeAt(socket), launch);
   std::unique_ptr<FakeBrowser> fake;
   int id = 0;
 
  private:
-  std::string oldSocket, oldName;
   std::optional<std::string> oldHome;
 };
 
@@ -115,7 +111,7 @@ TEST_F(ToolCalls, UnknownToolAfterConnectingSendsNothing) {
 
 TEST_F(ToolCalls, MissingNameIsAnUnknownToolWithTrailingBlank) {
   for (const char* params : {R"({})", R"({"name":7})", R"({"name":null,"arguments":{}})", R"([])"}) {
-    auto answer = server.handle(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":)" +
+    auto answer = server->handle(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":)" +
                                 std::string(params) + "}");
     ASSERT_TRUE(answer) << params;
     EXPECT_EQ(failed("unknown tool "), Json::parse(*answer).at("result")) << params;
@@ -136,7 +132,7 @@ TEST_F(ToolCalls, FailedConnectIsATextAndTheNextCallTriesAgain) {
 }
 
 TEST_F(ToolCalls, ConnectionMessagesNameTheBrowserByItsDataName) {
-  dataName = "Nurel Beta";
+  server = std::make_unique<MCPServer>(testing::placeAt(socket, "Nurel Beta"), launch);
   EXPECT_EQ(failed("couldn't reach Nurel Beta: is it running?"), call("snapshot", {{"tab", "t1"}}));
 }
 
@@ -187,7 +183,7 @@ TEST_F(ToolCalls, UnreadableReplyOfOtherBytesIsStillAnswered) {
   // The reader's message tells the bytes it stopped at, which need not be UTF-8; the answer
   // must still be one that can be written.
   auto& fake = browser({"\xff\xfe", R"({"id":$id,"result":"t1"})"});
-  auto answer = server.handle(
+  auto answer = server->handle(
       R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_tabs"}})");
   ASSERT_TRUE(answer);
   Json result = Json::parse(*answer)["result"];
@@ -221,13 +217,12 @@ TEST_F(ToolCalls, ReplyIsShownAsPrinted) {
 TEST_F(ToolCalls, EveryListedToolReachesTheBrowser) {
   auto& fake = browser();
   size_t calls = 0;
-  for (auto& tool : MCPServer::tools()) {
+  for (auto& tool : tools()) {
     std::string name = tool.at("name");
     Json result = call(name, {{"tab", "t1"}});
     EXPECT_FALSE(result.dump().find("unknown tool") != std::string::npos) << name;
     if (name != "save_pdf") ++calls;
   }
-  EXPECT_EQ(36u, MCPServer::tools().size());
   EXPECT_EQ(calls, fake.requests().size());
 }
 

@@ -109,17 +109,19 @@ bool hasAvx2() {
 // Decodes `text` to `to`, which has room for its decoded `size`. `to` may be `text.data()`
 // itself: every group is read before its three bytes are stored, and they land no later
 // than where it began.
-bool decode(std::string_view text, size_t size, char* to) {
+bool decode(std::string_view text, size_t size, char* to, bool wide = true) {
   size_t padding = text.size() / 4 * 3 - size;
   size_t whole = text.empty() ? 0 : text.size() / 4 - (padding ? 1 : 0);
   const char* in = text.data();
   size_t done = 0;
 #ifdef NUREL_BASE64_AVX2
-  if (hasAvx2()) {
+  if (wide && hasAvx2()) {
     done = decodeWide(in, whole, to);
     in += 4 * done;
     to += 3 * done;
   }
+#else
+  (void)wide;
 #endif
   // Two groups at a time: fewer branches, and the six bytes can be stored together.
   for (; done + 2 <= whole; done += 2, in += 8, to += 6) {
@@ -156,12 +158,20 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   return out;
 }
 
-bool decodeBase64InPlace(std::string& text) {
+namespace {
+
+bool decodeInPlace(std::string& text, bool wide) {
   std::optional<size_t> size = decodedSize(text);
-  if (!size || !decode(text, *size, text.data())) return false;
+  if (!size || !decode(text, *size, text.data(), wide)) return false;
   text.resize(*size);
   return true;
 }
+
+}  // namespace
+
+bool decodeBase64InPlace(std::string& text) { return decodeInPlace(text, true); }
+
+bool decodeBase64InPlaceScalar(std::string& text) { return decodeInPlace(text, false); }
 
 std::optional<std::string> takeDecoded(Json& reply, const char* key) {
   if (!reply.is_object()) return std::nullopt;

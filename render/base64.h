@@ -19,6 +19,10 @@ std::optional<std::string> decodeBase64(std::string_view text);
 /// would give nothing.
 bool decodeBase64InPlace(std::string& text);
 
+/// `decodeBase64InPlace` without the AVX2 loop, for measuring what that loop saves
+/// (bench/json_speed.cpp).
+bool decodeBase64InPlaceScalar(std::string& text);
+
 /// Takes the base64 text of the member `key` out of `reply` and decodes it in place: the bytes
 /// of an image or a PDF, or nothing when `reply` is not an object, or the member is missing,
 /// not a string or not base64.

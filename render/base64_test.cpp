@@ -130,5 +130,19 @@ TEST(Base64, DecodingInPlaceRefusesWhatDecodingRefuses) {
   }
 }
 
+TEST(Base64, TheScalarLoopAgreesWithTheWideOne) {
+  std::mt19937 random(17);
+  std::string bytes(70000, '\0');
+  for (auto& byte : bytes) byte = char(random());
+  for (size_t length : {size_t(0), size_t(47), size_t(48), size_t(4096), size_t(70000)}) {
+    std::string text = encoded(bytes.substr(0, length)), scalar = text;
+    ASSERT_TRUE(decodeBase64InPlaceScalar(scalar)) << length;
+    EXPECT_EQ(decodedInPlace(text).value(), scalar) << length;
+  }
+  std::string broken = encoded(bytes.substr(0, 4096));
+  broken[3000] = '-';
+  EXPECT_FALSE(decodeBase64InPlaceScalar(broken));
+}
+
 }  // namespace
 }  // namespace nurel

@@ -73,14 +73,20 @@ FakeBrowser::FakeBrowser(At at, std::vector<std::string> script)
   start();
 }
 
-void FakeBrowser::start() {
-  listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+int boundSocket(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
   unlink(path.c_str());
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, 16) != 0 || pipe(wake) != 0)
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+void FakeBrowser::start() {
+  listener = boundSocket(path);
+  if (listener < 0 || listen(listener, 16) != 0 || pipe(wake) != 0)
     throw std::runtime_error("fake browser cannot listen on " + path);
   worker = std::thread([this] { serve(); });
 }

@@ -24,6 +24,8 @@
 #include <thread>
 #include <vector>
 
+#include "link/places.h"
+
 namespace nurel::testing {
 
 /// A fresh, short temporary folder (socket paths are cut at 103 bytes), removed at the end.
@@ -39,6 +41,18 @@ class TempDir {
  private:
   std::string dir;
 };
+
+/// The place of a browser that listens on `socket`, outside any bundle.
+inline Place placeAt(std::string socket, std::string dataName = "Nurel") {
+  Place place;
+  place.socketPath = std::move(socket);
+  place.dataName = std::move(dataName);
+  return place;
+}
+
+/// A Unix stream socket bound to `path` (any file there is replaced), not yet listening; -1
+/// when it cannot be made.
+int boundSocket(const std::string& path);
 
 /// Where a FakeBrowser listens, when the test chooses: `FakeBrowser browser(At{path}, {});`.
 struct At {

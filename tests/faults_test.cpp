@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -214,11 +213,8 @@ TEST(Faults, ABrowserThatRefusesForFiveSecondsIsFoundByPolling) {
   TempDir dir;
   std::string socket = dir.file("agent.sock");
   // A socket that is bound but not listening refuses every connection.
-  int refusing = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(0, bind(refusing, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  int refusing = boundSocket(socket);
+  ASSERT_LE(0, refusing);
   std::unique_ptr<FakeBrowser> browser;
   std::thread later([&] {
     std::this_thread::sleep_for(std::chrono::seconds(5));

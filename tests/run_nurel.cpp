@@ -36,11 +36,8 @@ std::vector<std::string> environmentFor(const RunOptions& options) {
 
 }  // namespace
 
-Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
-                   const RunOptions& options) {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
-    throw std::runtime_error("pipe failed");
+int startProgram(const std::string& program, const std::vector<std::string>& arguments,
+                 const RunOptions& options, int in, int out, int err) {
   std::vector<std::string> env = environmentFor(options);
   std::vector<char*> argv{const_cast<char*>(program.c_str())};
   for (auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
@@ -48,19 +45,28 @@ Outcome runProgram(const std::string& program, const std::vector<std::string>& a
   std::vector<char*> envp;
   for (auto& pair : env) envp.push_back(pair.data());
   envp.push_back(nullptr);
-
   pid_t pid = fork();
   if (pid == 0) {
-    dup2(in[0], 0);
-    if (options.closeOutput)
+    dup2(in, 0);
+    if (out < 0)
       close(1);
     else
-      dup2(out[1], 1);
-    dup2(err[1], 2);
+      dup2(out, 1);
+    dup2(err, 2);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
     execve(program.c_str(), argv.data(), envp.data());
     _exit(127);
   }
+  return pid;
+}
+
+Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
+                   const RunOptions& options) {
+  int in[2], out[2], err[2];
+  if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
+    throw std::runtime_error("pipe failed");
+  pid_t pid =
+      startProgram(program, arguments, options, in[0], options.closeOutput ? -1 : out[1], err[1]);
   close(in[0]);
   close(out[1]);
   close(err[1]);

@@ -31,6 +31,12 @@ RunOptions withEnv(const std::string& name, const std::string& value);
 /// Options that point NUREL_SOCKET at `socket`.
 inline RunOptions withSocket(const std::string& socket) { return withEnv("NUREL_SOCKET", socket); }
 
+/// Starts `program` with `arguments`, the environment and folder of `options`, and the
+/// descriptors `in`, `out` and `err` as its standard streams (`out` -1: standard output
+/// closed). Returns its process id; the caller waits for it.
+int startProgram(const std::string& program, const std::vector<std::string>& arguments,
+                 const RunOptions& options, int in, int out, int err);
+
 /// Runs `program` with `arguments`. A run that outlives its time-out is killed (status -1).
 Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
                    const RunOptions& options = {});

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,25 +23,10 @@ Session::Session(const std::string& program, const std::vector<std::string>& arg
   int in[2], out[2];
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe failed");
-  std::string errorFile = dir.file("stderr");
-  std::vector<std::string> env{"NUREL_SOCKET=" + socket};
-  for (char** entry = environ; *entry; ++entry)
-    if (std::strncmp(*entry, "NUREL_SOCKET=", 13) != 0) env.emplace_back(*entry);
-  std::vector<char*> argv{const_cast<char*>(program.c_str())};
-  for (auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (auto& pair : env) envp.push_back(pair.data());
-  envp.push_back(nullptr);
-  pid = fork();
-  if (pid == 0) {
-    int err = open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err, 2);
-    execve(program.c_str(), argv.data(), envp.data());
-    _exit(127);
-  }
+  int err = open(dir.file("stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (err < 0) throw std::runtime_error("cannot open the file for standard error");
+  pid = startProgram(program, arguments, withSocket(socket), in[0], out[1], err);
+  close(err);
   close(in[0]);
   close(out[1]);
   input = in[1];
@@ -116,12 +100,8 @@ int Session::finish() {
 std::string Session::errors() const { return readFile(dir.file("stderr")).value_or(""); }
 
 HandMadeBrowser::HandMadeBrowser(Serve serve) : path(dir.file("agent.sock")) {
-  listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, 4) != 0)
+  listener = boundSocket(path);
+  if (listener < 0 || listen(listener, 4) != 0)
     throw std::runtime_error("cannot listen on " + path);
   worker = std::thread([this, serve = std::move(serve)] {
     for (int connection = 0;; ++connection) {

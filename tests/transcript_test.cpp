@@ -229,18 +229,13 @@ class NoLaunch : public Launch {
   void pause(unsigned) override {}
 };
 
-// The process-wide values an in-process run changes, put back afterwards.
-class Scoped {
+// The home folder an in-process run sees, put back afterwards.
+class ScopedHome {
  public:
-  Scoped(const std::string& socket, const std::string& home)
-      : socket(socketPath), name(dataName), oldHome(std::getenv("HOME")) {
-    socketPath = socket;
-    dataName = "Nurel";
+  explicit ScopedHome(const std::string& home) : oldHome(std::getenv("HOME")) {
     setenv("HOME", home.c_str(), 1);
   }
-  ~Scoped() {
-    socketPath = socket;
-    dataName = name;
+  ~ScopedHome() {
     if (oldHome)
       setenv("HOME", oldHome->c_str(), 1);
     else
@@ -248,7 +243,6 @@ class Scoped {
   }
 
  private:
-  std::string socket, name;
   std::optional<std::string> oldHome;
 };
 
@@ -288,9 +282,9 @@ class Transcripts : public ::testing::TestWithParam<std::string> {};
 TEST_P(Transcripts, InProcess) {
   Transcript transcript = load(GetParam());
   Session run(transcript);
-  Scoped scoped(run.browser->socket(), run.dir.path());
+  ScopedHome home(run.dir.path());
   NoLaunch launch;
-  MCPServer server(launch);
+  MCPServer server(placeAt(run.browser->socket()), launch);
   bool updating = std::getenv("NUREL_UPDATE") != nullptr;
   std::vector<std::optional<std::string>> answers;
   std::optional<std::string> pending;

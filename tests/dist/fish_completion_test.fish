@@ -33,7 +33,7 @@ function check
 end
 
 # the commands people can type: the command table's but hello, and guide and mcp
-set -l table (sed -nE 's/^ *\{"([a-z]+)", "[a-z]+", \{.*\}\},$/\1/p' $source/cli/scan.cpp)
+set -l table (sed -nE 's/^ *\{"([a-z]+)", (browser|hidden),.*/\1/p' $source/catalogue/commands.cpp)
 if not contains hello $table
     echo "can't read the command table"
     exit 1

@@ -35,12 +35,12 @@ finish() {
 }
 
 # table_commands <source folder>: the commands people can type, one a line, sorted: the
-# names of the command table in cli/scan.cpp without `hello`, and `guide` and `mcp`.
+# names of the command table in catalogue/commands.cpp without `hello`, and `guide` and `mcp`.
 table_commands() {
     local rows
-    rows=$(sed -nE 's/^ *\{"([a-z]+)", "[a-z]+", \{.*\}\},$/\1/p' "$1/cli/scan.cpp")
+    rows=$(sed -nE 's/^ *\{"([a-z]+)", (browser|hidden),.*/\1/p' "$1/catalogue/commands.cpp")
     if [[ $rows != *hello* ]]; then
-        echo "can't read the command table of $1/cli/scan.cpp" >&2
+        echo "can't read the command table of $1/catalogue/commands.cpp" >&2
         exit 1
     fi
     { printf '%s\n' "$rows" | grep -vx hello; echo guide; echo mcp; } | sort

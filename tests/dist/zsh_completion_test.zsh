@@ -78,7 +78,7 @@ check() {
 
 # the commands people can type: the command table's but hello, and guide and mcp
 # ($commands is zsh's own table of programs)
-table=(${(f)"$(sed -nE 's/^ *\{"([a-z]+)", "[a-z]+", \{.*\}\},$/\1/p' $source/cli/scan.cpp)"})
+table=(${(f)"$(sed -nE 's/^ *\{"([a-z]+)", (browser|hidden),.*/\1/p' $source/catalogue/commands.cpp)"})
 (( ${table[(Ie)hello]} )) || { print "can't read the command table"; exit 1 }
 names=(guide mcp ${table:#hello})
 names=(${(o)names})

@@ -1,0 +1,34 @@
+// catalogue/catalogue.h: the tools the MCP server offers, and the pieces they are built from.
+//
+// All of it is constant data, built once on first use (C++ initialises a function's statics
+// once, even when two threads ask first).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace nurel {
+
+/// JSON whose objects keep their members in the order they were added: the catalogue's
+/// property schemas are listed in the order a person reading them expects.
+using OrderedJson = nlohmann::ordered_json;
+
+/// The tools, in order, as "tools/list" lists them.
+const OrderedJson& tools();
+
+/// `tools()` serialised once, compactly, "/" unescaped.
+const std::string& toolsText();
+
+/// The property schemas most tools share: "tab", "ref" and "intent".
+const OrderedJson& tabSchema();
+const OrderedJson& refSchema();
+const OrderedJson& intentSchema();
+
+/// A tool dictionary: name, description, inputSchema {type, properties, required} and
+/// annotations {readOnlyHint, openWorldHint}, the hints following from the name alone.
+OrderedJson tool(const std::string& name, const std::string& description,
+                 OrderedJson properties, const std::vector<std::string>& required);
+
+}  // namespace nurel
