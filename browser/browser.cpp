@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace nurel::browser {
 
@@ -204,12 +205,25 @@ Json Browser::call(const std::string& method, const Json& params, const std::str
   std::shared_ptr<Engine> running = engine();
   try {
     return running->cdp->call(method, params, session, timeout);
-  } catch (const BrowserLost& error) {
-    if (running->cdp->alive()) throw;  // only slow
-    std::string ending = running->chromium->ending();
-    throw Failure("lost the browser: Chromium " + (ending.empty() ? "stopped" : ending) +
-                  ", and its tabs with it; the next request starts it again");
+  } catch (const NoAnswer&) {
+    throw;  // only slow
+  } catch (const BrowserLost&) {
+    if (auto line = lost(running)) throw Failure(*line);
+    throw;
   }
+}
+
+std::optional<std::string> Browser::lost(const std::shared_ptr<Engine>& running) {
+  using namespace std::chrono_literals;
+  for (int wait = 0; wait < 50 && running->cdp->alive(); ++wait) std::this_thread::sleep_for(20ms);
+  if (running->cdp->alive()) return std::nullopt;
+  std::string ending = running->chromium->ending();
+  for (int wait = 0; wait < 50 && ending.empty(); ++wait) {
+    std::this_thread::sleep_for(20ms);
+    ending = running->chromium->ending();
+  }
+  return "lost the browser: Chromium " + (ending.empty() ? "stopped" : ending) +
+         ", and its tabs with it; the next request starts it again";
 }
 
 void Browser::onEvent(uint64_t generation, const std::string& method, const Json& params,
@@ -548,7 +562,17 @@ Json Browser::handle(const std::string& method, const Json& params) {
     return (this->*(found->second))(params.is_object() ? params : Json::object());
   } catch (const CdpError& error) {
     throw Failure(method + " failed: " + error.what());
+  } catch (const NoAnswer& error) {
+    throw Failure(error.what());
   } catch (const BrowserLost& error) {
+    // Input, say, found the pipe broken before its reader saw Chromium go.
+    std::shared_ptr<Engine> gone;
+    {
+      std::lock_guard<std::mutex> guard(engineLock);
+      gone = current;
+    }
+    if (gone)
+      if (auto line = lost(gone)) throw Failure(*line);
     throw Failure(error.what());
   }
 }

@@ -126,6 +126,9 @@ class Browser {
   Json call(const std::string& method, const Json& params = Json::object(),
             const std::string& session = {},
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  // When `engine`'s Chromium has gone (after a moment for the pipe to say so: a write can fail
+  // before the read sees the end), the line that says so; else nothing.
+  std::optional<std::string> lost(const std::shared_ptr<Engine>& engine);
   void onEvent(uint64_t generation, const std::string& method, const Json& params,
                const std::string& session);
   void onClosed(uint64_t generation, const std::string& reason);

@@ -40,8 +40,7 @@ Json Cdp::call(const std::string& method, const Json& params, const std::string&
   if (!answered.wait_for(guard, timeout, [&] { return waiting->done; })) {
     pending.erase(id);
     auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout).count();
-    throw BrowserLost("Chromium didn't answer " + method + " in " + std::to_string(seconds) +
-                      " s");
+    throw NoAnswer("Chromium didn't answer " + method + " in " + std::to_string(seconds) + " s");
   }
   if (waiting->lost) throw BrowserLost(waiting->error);
   if (waiting->refused) throw CdpError(waiting->error);

@@ -48,6 +48,12 @@ class BrowserLost : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// No answer came in the time allowed; the browser may still be there.
+class NoAnswer : public BrowserLost {
+ public:
+  using BrowserLost::BrowserLost;
+};
+
 class Cdp {
  public:
   /// `event(method, params, sessionId)` for each event; `closed(reason)` once, when the

@@ -44,8 +44,7 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
   Json navigated;
   try {
     navigated = call("Page.navigate", {{"url", url}}, tab->session, settings.loadTime);
-  } catch (const BrowserLost&) {
-    if (!running()) throw;
+  } catch (const NoAnswer&) {
     // No answer from the server yet: the tab keeps trying, and the agent can look or wait.
     return describeTab(tab, "still loading " + url + " after " +
                                 std::to_string(settings.loadTime.count()) + " s");

@@ -17,6 +17,25 @@ using Clock = std::chrono::steady_clock;
 // The characters get_text answers when no limit is given.
 constexpr size_t textLimit = 20000;
 
+// Lines of a log, oldest first: the latest `limit` of them when there are more (all for a
+// limit under 1), after notes of what was left out; `none` when there is nothing to show.
+std::string listing(std::vector<std::string> lines, size_t dropped, double limit,
+                    const std::string& things, const std::string& none) {
+  size_t skipped = 0;
+  if (limit >= 1 && lines.size() > size_t(limit)) {
+    skipped = lines.size() - size_t(limit);
+    lines.erase(lines.begin(), lines.begin() + long(skipped));
+  }
+  std::string answer;
+  if (dropped) answer += "(" + std::to_string(dropped) + " older " + things + " were dropped)\n";
+  if (skipped)
+    answer += "(" + std::to_string(skipped) + " earlier " + things + " left out by the limit)\n";
+  for (auto& line : lines) answer += line + "\n";
+  if (lines.empty()) answer += none + "\n";
+  answer.pop_back();
+  return answer;
+}
+
 // The first line of an exception's description ("Error: boom"), for the agent.
 std::string thrown(const Json& details) {
   std::string text;
@@ -124,12 +143,10 @@ Json Browser::eval(const Json& params) {
       }
     }
     answer = std::move(reply->result);
+  } catch (const NoAnswer& error) {
+    throw Failure(error.what());
   } catch (const BrowserLost& error) {
-    if (!running->cdp->alive()) {
-      std::string ending = running->chromium->ending();
-      throw Failure("lost the browser: Chromium " + (ending.empty() ? "stopped" : ending) +
-                    ", and its tabs with it; the next request starts it again");
-    }
+    if (auto line = lost(running)) throw Failure(*line);
     throw Failure(error.what());
   } catch (const CdpError& error) {
     // Chromium ends a script stopped at its time limit with an internal error.
@@ -315,22 +332,10 @@ Json Browser::console(const Json& params) {
       tab->consoleDropped = 0;
     }
   }
-  // The latest ones when there are more than the limit, still oldest first.
-  size_t skipped = 0;
-  if (limit >= 1 && lines.size() > size_t(limit)) {
-    skipped = lines.size() - size_t(limit);
-    lines.erase(lines.begin(), lines.begin() + long(skipped));
-  }
-  std::string answer;
-  if (dropped) answer += "(" + std::to_string(dropped) + " older lines were dropped)\n";
-  if (skipped) answer += "(" + std::to_string(skipped) + " earlier lines left out by the limit)\n";
-  for (auto& line : lines) answer += line + "\n";
-  if (lines.empty())
-    answer += level == "error" ? "no errors since the page loaded\n"
-              : level == "warn" ? "no errors or warnings since the page loaded\n"
-                                : "nothing logged since the page loaded\n";
-  answer.pop_back();
-  return answer;
+  return listing(std::move(lines), dropped, limit, "lines",
+                 level == "error"  ? "no errors since the page loaded"
+                 : level == "warn" ? "no errors or warnings since the page loaded"
+                                   : "nothing logged since the page loaded");
 }
 
 Json Browser::emulate(const Json& params) {
@@ -513,14 +518,7 @@ Json Browser::network(const Json& params) {
       tab->requestsDropped = 0;
     }
   }
-  size_t skipped = 0;
-  if (limit >= 1 && shown.size() > size_t(limit)) {
-    skipped = shown.size() - size_t(limit);
-    shown.erase(shown.begin(), shown.begin() + long(skipped));
-  }
-  std::string answer;
-  if (dropped) answer += "(" + std::to_string(dropped) + " older requests were dropped)\n";
-  if (skipped) answer += "(" + std::to_string(skipped) + " earlier requests left out by the limit)\n";
+  std::vector<std::string> lines;
   for (auto& request : shown) {
     std::string line = "#" + std::to_string(request.number) + " " + request.method + " ";
     line += !request.error.empty() ? request.error
@@ -532,11 +530,10 @@ Json Browser::network(const Json& params) {
     if (request.ended > 0 && request.bytes > 0) line += " " + std::to_string(long(request.bytes)) + " B";
     if (request.ended > 0 && request.started > 0)
       line += " " + std::to_string(long((request.ended - request.started) * 1000)) + " ms";
-    answer += line + " " + masked(request.url) + "\n";
+    lines.push_back(line + " " + masked(request.url));
   }
-  if (shown.empty()) answer += failed ? "no failed requests\n" : "no requests\n";
-  answer.pop_back();
-  return answer;
+  return listing(std::move(lines), dropped, limit, "requests",
+                 failed ? "no failed requests" : "no requests");
 }
 
 Json Browser::pdf(const Json& params) {

@@ -2,6 +2,7 @@
 // addresses an agent may open.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "browser/browser.h"
 #include "browser/cdp.h"
 #include "browser/server.h"
+#include "catalogue/commands.h"
 
 namespace nurel::browser {
 namespace {
@@ -211,6 +213,14 @@ TEST(Cdp, NoAnswerInTimeIsSaid) {
   } catch (const BrowserLost& error) {
     EXPECT_STREQ(error.what(), "Chromium didn't answer Page.reload in 0 s");
   }
+}
+
+TEST(Methods, TheBackEndKnowsEveryMethodNurelSendsAndNoOther) {
+  std::vector<std::string> sent;
+  for (const Command& command : commands())
+    if (command.kind != Command::Kind::local) sent.emplace_back(command.name);
+  std::sort(sent.begin(), sent.end());
+  EXPECT_EQ(Browser::methods(), sent);
 }
 
 }  // namespace

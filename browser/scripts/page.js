@@ -422,8 +422,8 @@
     const result = { label: label(found) };
     if (!shown(found) || (box.width === 0 && box.height === 0)) return { ...result, hidden: true };
     if (found.disabled || found.getAttribute('aria-disabled') === 'true') result.disabled = true;
-    let x = box.left + box.width / 2;
-    let y = box.top + box.height / 2;
+    const x = box.left + box.width / 2;
+    const y = box.top + box.height / 2;
     let hit = found.ownerDocument.elementFromPoint(x, y);
     while (hit && hit.shadowRoot) {
       const inner = hit.shadowRoot.elementFromPoint(x, y);
@@ -445,14 +445,9 @@
       }
       result.covered = label(largest || nearest || hit);
     }
-    for (let view = found.ownerDocument.defaultView; view && view !== window && view.frameElement;) {
-      const frame = view.frameElement;
-      const frameBox = frame.getBoundingClientRect();
-      x += frameBox.left + frame.clientLeft;
-      y += frameBox.top + frame.clientTop;
-      view = frame.ownerDocument.defaultView;
-    }
-    return { ...result, x, y };
+    // Input goes to the top page: the centre through the frames around the element.
+    const inTop = boxInTop(found);
+    return { ...result, x: inTop.left + inTop.width / 2, y: inTop.top + inTop.height / 2 };
   };
   // Puts the caret in a field for typing: at the end, or over all of it to type it anew.
   const focusForTyping = (number, replace) => {
