@@ -380,6 +380,8 @@
           if (item.block) flush();
           continue;
         }
+        // A label's text followed by the field it names is said once, as the field's name.
+        if (pending.length && item.name && squash(pending.join(' ')) === item.name) pending = [];
         flush();
         let line = pad + '- ' + item.role;
         if (item.name) line += ' ' + JSON.stringify(item.name);
