@@ -201,9 +201,9 @@ std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, con
 }
 
 std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
-                                           const char* xName, const char* yName,
-                                           std::string& label) {
-  std::string ref = stringParam(params, xName == std::string("from_x") ? "ref" : xName == std::string("to_x") ? "to_ref" : "ref");
+                                           const char* refName, const char* xName,
+                                           const char* yName, std::string& label) {
+  std::string ref = stringParam(params, refName);
   if (!ref.empty()) return targetOf(tab, ref, label);
   if (!params.contains(xName) || !params.contains(yName))
     throw Failure(std::string("give a ref, or ") + xName + " and " + yName);
@@ -318,7 +318,7 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
 Json Browser::click(const Json& params) {
   auto tab = tabFor(params);
   std::string label;
-  auto [x, y] = pointOf(tab, params, "x", "y", label);
+  auto [x, y] = pointOf(tab, params, "ref", "x", "y", label);
   Before before = watch(tab);
   bool right = stringParam(params, "button") == "right";
   bool twice = flagParam(params, "double");
@@ -335,7 +335,7 @@ Json Browser::click(const Json& params) {
 Json Browser::hover(const Json& params) {
   auto tab = tabFor(params);
   std::string label;
-  auto [x, y] = pointOf(tab, params, "x", "y", label);
+  auto [x, y] = pointOf(tab, params, "ref", "x", "y", label);
   Before before = watch(tab);
   mouse(tab, "mouseMoved", x, y);
   return outcome(tab, before, "the pointer is over " + label);
@@ -344,12 +344,12 @@ Json Browser::hover(const Json& params) {
 Json Browser::drag(const Json& params) {
   auto tab = tabFor(params);
   std::string from, to;
-  auto [x0, y0] = pointOf(tab, params, "from_x", "from_y", from);
+  auto [x0, y0] = pointOf(tab, params, "ref", "from_x", "from_y", from);
   Before before = watch(tab);
   mouse(tab, "mouseMoved", x0, y0);
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
-  auto [x1, y1] = pointOf(tab, params, "to_x", "to_y", to);
+  auto [x1, y1] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
   for (int step = 1; step <= 10; ++step)
     mouse(tab, "mouseMoved", x0 + (x1 - x0) * step / 10, y0 + (y1 - y0) * step / 10, "left", 0, 1);
   mouse(tab, "mouseReleased", x1, y1, "left", 1, 0);
@@ -529,10 +529,6 @@ Json Browser::dialog(const Json& params) {
   std::string what = showing->value("type", "alert") + " " + quote(showing->value("message", ""));
   return std::string(accept ? "accepted " : "dismissed ") + what +
          (accept && params.contains("text") ? " with " + quote(text) : "");
-}
-
-Json Browser::actOne(const std::string& method, const Json& params) {
-  return handle(method, params);
 }
 
 Json Browser::batch(const Json& params) {

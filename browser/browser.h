@@ -161,8 +161,10 @@ class Browser {
   // Scrolled to, visible, enabled and not covered: the point to act at. Throws Failure.
   std::pair<double, double> targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
                                      std::string& label, bool enabled = true);
+  // The element of the ref named `refName`, else the point `xName`, `yName` of the page.
   std::pair<double, double> pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
-                                    const char* xName, const char* yName, std::string& label);
+                                    const char* refName, const char* xName, const char* yName,
+                                    std::string& label);
   Before watch(const std::shared_ptr<Tab>& tab);
   // Sends input, returning early when a dialog opens (the page waits for it, and so would we).
   void input(const std::shared_ptr<Tab>& tab, const std::string& method, const Json& params);
@@ -172,7 +174,6 @@ class Browser {
   std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did);
   std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
   void recordRefs(const std::shared_ptr<Tab>& tab, int used);
-  Json actOne(const std::string& method, const Json& params);
   std::string checkedURL(const std::string& url);
 
 
