@@ -227,6 +227,8 @@ Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
   before.started = tab->startedLoading;
   before.loads = tab->loads;
   before.same = tab->sameDocument;
+  before.downloads = tab->downloadsStarted;
+  tab->chooser.reset();
   return before;
 }
 
@@ -261,7 +263,8 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
     std::unique_lock<std::mutex> guard(tab->lock);
     tab->changed.wait_until(guard, deadline, [&] {
       return tab->dialog || tab->gone || tab->startedLoading != before.started ||
-             tab->sameDocument != before.same || !tab->opened.empty();
+             tab->sameDocument != before.same || !tab->opened.empty() ||
+             tab->downloadsStarted != before.downloads || tab->chooser;
     });
     if (tab->gone) return did + "; the tab closed";
     if (tab->dialog) {
@@ -289,11 +292,15 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
   if (navigating) {
     bool loaded;
     {
+      // A link to a file starts as a navigation and ends as a download, with no load.
       std::unique_lock<std::mutex> guard(tab->lock);
       loaded = tab->changed.wait_until(guard, Clock::now() + settings.loadTime, [&] {
-        return tab->loads != before.loads || tab->gone || tab->crashed || tab->dialog;
+        return tab->loads != before.loads || tab->gone || tab->crashed || tab->dialog ||
+               tab->downloadsStarted != before.downloads;
       });
     }
+    if (std::string downloads = downloadsSince(tab, before.downloads); !downloads.empty())
+      return answer + downloads;
     {
       std::lock_guard<std::mutex> guard(tab->lock);
       if (tab->dialog) return answer + "; a dialog opened: " + tab->dialog->value("type", "alert") +
@@ -303,7 +310,13 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
     std::string line = describeTab(tab, loaded ? "" : "still loading after " + seconds(settings.loadTime));
     return answer + "; the page went to " + line.substr(line.find(' ') + 1);
   }
-  if (!opened.empty()) return answer;
+  answer += downloadsSince(tab, before.downloads);
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (tab->chooser)
+      return answer + "; a file chooser opened: give it files with upload " + tab->id + " <ref> <file>";
+  }
+  if (!opened.empty() || answer.find("; a download started") != std::string::npos) return answer;
   Json changes = inWorld(tab, "__nurel.changes()", Library::page);
   bool same;
   {

@@ -20,7 +20,7 @@ namespace {
 // The method names of later work, answered with a line that says so until they are built.
 const std::set<std::string>& notYet() {
   static const std::set<std::string> names = {
-      "upload", "downloads", "scenarios", "run", "media"};
+      "scenarios", "run", "media"};
   return names;
 }
 
@@ -125,7 +125,10 @@ Settings Settings::fromEnvironment(const std::string& dataFolder) {
   return settings;
 }
 
-Browser::Browser(Settings settings) : settings(std::move(settings)) {}
+Browser::Browser(Settings settings)
+    : settings(std::move(settings)),
+      actions(this->settings.dataFolder + "/actions.jsonl"),
+      downloadFolder(downloadsFolder()) {}
 
 Browser::~Browser() {
   std::shared_ptr<Engine> engine;
@@ -192,6 +195,11 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
     fresh->cdp->call("Browser.getVersion", Json::object(), {}, std::chrono::seconds(30));
     // Tabs that pages open are told of, to become the agent's.
     fresh->cdp->call("Target.setDiscoverTargets", {{"discover", true}});
+    // Downloads go under a name of Chromium's, and take theirs when whole (files.cpp).
+    makeFolders(downloadFolder);
+    fresh->cdp->call("Browser.setDownloadBehavior", {{"behavior", "allowAndName"},
+                                                     {"downloadPath", downloadFolder},
+                                                     {"eventsEnabled", true}});
   } catch (const std::exception& error) {
     std::string why = lastLine(log);
     throw Failure("Chromium (" + program + ") didn't start" + (why.empty() ? "" : ": " + why));
@@ -253,6 +261,12 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
       }
       return;
     }
+    if (method == "Browser.downloadWillBegin" || method == "Browser.downloadProgress") {
+      std::string guid = params.value("guid", "");
+      bool plain = !guid.empty() && guid.find_first_not_of("0123456789abcdefABCDEF-") == std::string::npos;
+      if (plain && generation == generations) onDownload(method, params);
+      return;
+    }
     if (method == "Target.detachedFromTarget") {
       std::string detached = params.value("sessionId", "");
       std::lock_guard<std::mutex> guard(tabsLock);
@@ -284,6 +298,7 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     const Json& frame = params.contains("frame") ? params["frame"] : params;
     if (!frame.contains("parentId")) {
       tab->loader = frame.value("loaderId", "");
+      tab->url = frame.value("url", "");
       tab->console.clear();
       tab->consoleDropped = 0;
     }
@@ -299,6 +314,10 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     }
   } else if (method == "Page.frameStartedLoading") {
     if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
+  } else if (method == "Page.frameAttached") {
+    tab->frames.insert(params.value("frameId", ""));
+  } else if (method == "Page.fileChooserOpened") {
+    tab->chooser = params;
   } else if (method == "Page.javascriptDialogOpening") {
     tab->dialog = params;
   } else if (method == "Page.javascriptDialogClosed") {
@@ -306,7 +325,10 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
   } else if (method == "Page.loadEventFired") {
     ++tab->loads;
   } else if (method == "Page.navigatedWithinDocument") {
-    if (params.value("frameId", "") == tab->targetId) ++tab->sameDocument;
+    if (params.value("frameId", "") == tab->targetId) {
+      ++tab->sameDocument;
+      tab->url = params.value("url", tab->url);
+    }
   } else if (method == "Network.requestWillBeSent") {
     std::string type = params.value("type", "");
     if (type != "EventSource" && type != "WebSocket" && !params.contains("redirectResponse"))
@@ -427,6 +449,8 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
        tab->session);
   call("Runtime.enable", Json::object(), tab->session);
   call("Log.enable", Json::object(), tab->session);
+  // A file chooser comes to us (upload answers it), never as a window of the system's.
+  call("Page.setInterceptFileChooserDialog", {{"enabled", true}}, tab->session);
   Json tree = call("Page.getFrameTree", Json::object(), tab->session);
   {
     std::lock_guard<std::mutex> guard(tab->lock);
@@ -506,19 +530,26 @@ std::string checkedAddress(const std::string& given,
     throw Failure("won't open " + url +
                   ": local files are off until you allow a folder with NUREL_ALLOW_FILES "
                   "(folders separated by colons) in the environment nurel starts from");
-  char* resolved = realpath(decoded.c_str(), nullptr);
-  if (!resolved) throw Failure("couldn't load " + url + ": no such file");
+  struct stat status {};
+  if (stat(decoded.c_str(), &status) != 0) throw Failure("couldn't load " + url + ": no such file");
+  if (underAllowedFolder(decoded, allowedFolders)) return url;
+  throw Failure("won't open " + url + ": it isn't under a folder of NUREL_ALLOW_FILES");
+}
+
+bool underAllowedFolder(const std::string& path, const std::vector<std::string>& folders) {
+  char* resolved = realpath(path.c_str(), nullptr);
+  if (!resolved) return false;
   std::string real = resolved;
   free(resolved);
-  for (const std::string& folder : allowedFolders) {
+  for (const std::string& folder : folders) {
     char* base = realpath(folder.c_str(), nullptr);
     if (!base) continue;
     std::string root = base;
     free(base);
     if (root.back() != '/') root += '/';
-    if (real.rfind(root, 0) == 0 || real + "/" == root) return url;
+    if (real.rfind(root, 0) == 0 || real + "/" == root) return true;
   }
-  throw Failure("won't open " + url + ": it isn't under a folder of NUREL_ALLOW_FILES");
+  return false;
 }
 
 std::vector<std::string> Browser::methods() {
@@ -547,10 +578,26 @@ const std::map<std::string, Browser::Handler>& Browser::handlers() {
       {"dialog", &Browser::dialog},   {"batch", &Browser::batch},
       {"console", &Browser::console}, {"emulate", &Browser::emulate},
       {"storage", &Browser::storage}, {"ask", &Browser::ask},
-      {"network", &Browser::network},
+      {"network", &Browser::network}, {"downloads", &Browser::downloads},
+      {"upload", &Browser::upload},
   };
   return table;
 }
+
+namespace {
+
+// Whether a request may change something, and so goes into the action log.
+bool changes(const std::string& method, const Json& params) {
+  static const std::set<std::string> reading = {
+      "hello", "tabs", "text", "describe", "wait", "screenshot", "pdf", "snapshot", "find",
+      "inspect", "console", "network", "downloads", "scenarios"};
+  if (reading.count(method)) return false;
+  if (method == "storage") return flagParam(params, "clear");
+  if (method == "media") return !stringParam(params, "action").empty() && stringParam(params, "action") != "state";
+  return true;
+}
+
+}  // namespace
 
 Json Browser::handle(const std::string& method, const Json& params) {
   auto found = handlers().find(method);
@@ -558,8 +605,35 @@ Json Browser::handle(const std::string& method, const Json& params) {
     if (notYet().count(method)) throw Failure(method + " isn't available in this browser yet");
     throw Failure("unknown method " + method);
   }
+  const Json& given = params.is_object() ? params : Json::object();
+  if (!changes(method, given)) return perform(found->second, method, given);
+  std::string tabID = stringParam(given, "tab"), address;
+  {
+    std::lock_guard<std::mutex> guard(tabsLock);
+    if (auto tab = tabsByID.find(tabID); tab != tabsByID.end()) {
+      std::lock_guard<std::mutex> tabGuard(tab->second->lock);
+      address = tab->second->url;
+    }
+  }
+  std::string ref = stringParam(given, "ref"), intent = stringParam(given, "intent");
   try {
-    return (this->*(found->second))(params.is_object() ? params : Json::object());
+    Json result = perform(found->second, method, given);
+    // A script's value may be anything the page holds: the log says only that one ran.
+    std::string said = method == "eval" ? "ran a script"
+                       : result.is_string() ? result.get<std::string>()
+                                            : compactRepaired(result);
+    if (method == "open" && tabID.empty()) tabID = said.substr(0, said.find(' '));
+    actions.record(tabID, address, method, ref, intent, said, false);
+    return result;
+  } catch (const Failure& failure) {
+    actions.record(tabID, address, method, ref, intent, failure.what(), true);
+    throw;
+  }
+}
+
+Json Browser::perform(Handler handler, const std::string& method, const Json& params) {
+  try {
+    return (this->*handler)(params);
   } catch (const CdpError& error) {
     throw Failure(method + " failed: " + error.what());
   } catch (const NoAnswer& error) {

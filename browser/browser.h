@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "browser/action_log.h"
 #include "browser/cdp.h"
 #include "browser/chromium.h"
 #include "link/json.h"
@@ -61,9 +62,13 @@ struct Tab {
   std::chrono::steady_clock::time_point lastNetwork = std::chrono::steady_clock::now();
   int world = 0;                      // our isolated world's context in the page, 0 when none
   std::string loader;                 // the loader of the document now in the main frame
+  std::string url;                    // the main frame's address, as last navigated
   uint64_t startedLoading = 0;        // loads the main frame has started
   std::vector<std::string> opened;    // targets the page opened, not yet made tabs
   std::optional<Json> dialog;         // the JavaScript dialog showing, if any
+  std::optional<Json> chooser;        // the file chooser the page opened, if any
+  std::set<std::string> frames;       // the ids of the frames in it, for its downloads
+  uint64_t downloadsStarted = 0;
 
   // Refs: numbers go up across the tab's documents; each run of them belongs to one document.
   int nextRef = 1;
@@ -94,6 +99,14 @@ struct Tab {
 
 class Browser {
  public:
+  /// A file a tab downloads, to the person's downloads folder.
+  struct Download {
+    std::string guid, tab, url, name, path;
+    std::string state = "downloading";  // or done, canceled, failed
+    std::string error;
+    double received = 0, total = 0;
+  };
+
   explicit Browser(Settings settings);
   ~Browser();
   Browser(const Browser&) = delete;
@@ -120,6 +133,8 @@ class Browser {
   };
   using Handler = Json (Browser::*)(const Json&);
   static const std::map<std::string, Handler>& handlers();
+  // Calls the handler, turning what Chromium throws into the agent's Failure.
+  Json perform(Handler handler, const std::string& method, const Json& params);
 
   // The running engine, started when there is none; throws Failure.
   std::shared_ptr<Engine> engine();
@@ -154,7 +169,7 @@ class Browser {
 
   // Acting.
   struct Before {
-    uint64_t started = 0, loads = 0, same = 0;
+    uint64_t started = 0, loads = 0, same = 0, downloads = 0;
     std::string url;
   };
   int refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref);
@@ -175,6 +190,12 @@ class Browser {
   std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
   void recordRefs(const std::shared_ptr<Tab>& tab, int used);
   std::string checkedURL(const std::string& url);
+
+  // Files.
+  void onDownload(const std::string& method, const Json& params);
+  // "; a download started: …" for each download the tab started since `before`, or "".
+  std::string downloadsSince(const std::shared_ptr<Tab>& tab, uint64_t before);
+  std::vector<std::string> allowedFiles(const Json& given);
 
 
   // The methods.
@@ -210,8 +231,11 @@ class Browser {
   Json storage(const Json& params);
   Json ask(const Json& params);
   Json network(const Json& params);
+  Json downloads(const Json& params);
+  Json upload(const Json& params);
 
   Settings settings;
+  ActionLog actions;
   std::mutex engineLock;  // held while starting or replacing the engine
   std::shared_ptr<Engine> current;
   std::string lastEnding;  // why the last Chromium stopped, for the next answer
@@ -221,6 +245,11 @@ class Browser {
   std::map<std::string, std::shared_ptr<Tab>> tabsByID;
   std::map<std::string, std::shared_ptr<Tab>> tabsBySession;
   uint64_t nextTab = 1;
+
+  std::string downloadFolder;
+  std::mutex downloadsLock;  // guards downloadList
+  std::condition_variable downloadsChanged;
+  std::vector<Download> downloadList;
 };
 
 // Helpers shared by the method files.
@@ -229,6 +258,13 @@ class Browser {
 /// localhost and 127.x); a file: address must lie under one of `allowedFolders`, links
 /// resolved. Throws Failure saying why not.
 std::string checkedAddress(const std::string& url, const std::vector<std::string>& allowedFolders);
+
+/// Whether `path` (absolute) lies under one of `folders`, both compared after resolving links
+/// and "..".
+bool underAllowedFolder(const std::string& path, const std::vector<std::string>& folders);
+
+/// The person's downloads folder: XDG_DOWNLOAD_DIR of user-dirs.dirs, else ~/Downloads.
+std::string downloadsFolder();
 
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);

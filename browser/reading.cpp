@@ -7,6 +7,7 @@
 
 #include "browser/browser.h"
 #include "browser/scripts.h"
+#include "browser/secrets.h"
 
 namespace nurel::browser {
 
@@ -439,52 +440,6 @@ Json Browser::ask(const Json& params) {
   throw Failure("asking the person isn't available in this browser yet");
 }
 
-namespace {
-
-// An address with the values of its secret-looking query parameters masked.
-std::string masked(const std::string& url) {
-  size_t query = url.find('?');
-  if (query == std::string::npos) return url;
-  size_t end = url.find('#', query);
-  std::string out = url.substr(0, query + 1);
-  std::string rest = url.substr(query + 1, end == std::string::npos ? std::string::npos : end - query - 1);
-  size_t start = 0;
-  while (start <= rest.size()) {
-    size_t amp = rest.find('&', start);
-    std::string pair = rest.substr(start, amp == std::string::npos ? std::string::npos : amp - start);
-    size_t equals = pair.find('=');
-    std::string key = pair.substr(0, equals);
-    std::string lower = key;
-    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-    bool secret = false;
-    for (const char* word : {"token", "key", "code", "password", "passwd", "secret", "sig", "auth",
-                             "session", "credential"})
-      if (lower.find(word) != std::string::npos) secret = true;
-    out += secret && equals != std::string::npos ? key + "=•••" : pair;
-    if (amp == std::string::npos) break;
-    out += '&';
-    start = amp + 1;
-  }
-  if (end != std::string::npos) out += url.substr(end);
-  return out;
-}
-
-Json maskedHeaders(const Json& headers) {
-  Json out = Json::object();
-  if (!headers.is_object()) return out;
-  for (auto& [name, value] : headers.items()) {
-    std::string lower = name;
-    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-    bool secret = lower == "cookie" || lower == "set-cookie" || lower == "authorization" ||
-                  lower == "proxy-authorization" || lower.find("token") != std::string::npos ||
-                  lower.find("api-key") != std::string::npos;
-    out[name] = secret ? Json("•••") : value;
-  }
-  return out;
-}
-
-}  // namespace
-
 Json Browser::network(const Json& params) {
   auto tab = tabFor(params);
   std::string filter = stringParam(params, "filter");
@@ -500,7 +455,7 @@ Json Browser::network(const Json& params) {
       for (auto& request : tab->requestLog) {
         if (request.number != wanted) continue;
         Json detail = {{"number", request.number}, {"method", request.method},
-                       {"url", masked(request.url)}, {"status", request.status},
+                       {"url", maskedAddress(request.url)}, {"status", request.status},
                        {"request headers", maskedHeaders(request.requestHeaders)},
                        {"response headers", maskedHeaders(request.responseHeaders)}};
         if (!request.error.empty()) detail["error"] = request.error;
@@ -530,7 +485,7 @@ Json Browser::network(const Json& params) {
     if (request.ended > 0 && request.bytes > 0) line += " " + std::to_string(long(request.bytes)) + " B";
     if (request.ended > 0 && request.started > 0)
       line += " " + std::to_string(long((request.ended - request.started) * 1000)) + " ms";
-    lines.push_back(line + " " + masked(request.url));
+    lines.push_back(line + " " + maskedAddress(request.url));
   }
   return listing(std::move(lines), dropped, limit, "requests",
                  failed ? "no failed requests" : "no requests");

@@ -26,8 +26,8 @@ std::string repeatText(const std::string& paragraph, int times) {
 }
 
 std::mutex pagesLock;
-std::map<std::string, std::string>& extraPages() {
-  static std::map<std::string, std::string> pages;
+std::map<std::string, Response>& extraPages() {
+  static std::map<std::string, Response> pages;
   return pages;
 }
 
@@ -37,10 +37,7 @@ Response page(const std::string& path) {
   {
     std::lock_guard<std::mutex> guard(pagesLock);
     auto found = extraPages().find(bare);
-    if (found != extraPages().end()) {
-      r.body = found->second;
-      return r;
-    }
+    if (found != extraPages().end()) return found->second;
   }
   if (bare == "/") {
     r.body = "<title>Home</title><h1>Welcome home</h1><a href=/second>Second</a>";
@@ -112,8 +109,14 @@ BackEnd& shared() { return *sharedBackEnd; }
 std::string url(const std::string& path) { return server->url(path); }
 
 void servePage(const std::string& path, const std::string& html) {
+  Response response;
+  response.body = html;
+  serve(path, response);
+}
+
+void serve(const std::string& path, const Response& response) {
   std::lock_guard<std::mutex> guard(pagesLock);
-  extraPages()[path] = html;
+  extraPages()[path] = response;
 }
 
 std::pair<uint32_t, uint32_t> pngSize(const std::string& png) {
@@ -206,6 +209,11 @@ BackEnd::BackEnd(const Env& extra) {
                  {"NUREL_HEADED", std::nullopt},
                  {"NUREL_ALLOW_FILES", dir.file("allowed")},
                  {"NUREL_CHROMIUM", dir.file("chromium")}};
+  // Downloads go where the person's user-dirs.dirs says: here, a folder of the test's.
+  std::filesystem::create_directories(dir.file("config"));
+  writeTestFile(dir.file("config/user-dirs.dirs"),
+                "# written by the test\nXDG_DOWNLOAD_DIR=\"" + dir.file("downloads") + "\"\n");
+  options.env["XDG_CONFIG_HOME"] = dir.file("config");
   for (auto& [name, value] : extra) options.env[name] = value;
   options.timeoutSeconds = 90;
   std::filesystem::create_directories(dir.file("allowed"));

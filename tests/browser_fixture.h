@@ -48,6 +48,8 @@ BackEnd& shared();
 std::string url(const std::string& path);
 /// Serves `html` at `path` (before the built-in pages), for the rest of the run.
 void servePage(const std::string& path, const std::string& html);
+/// Serves `response` at `path`, likewise.
+void serve(const std::string& path, const Response& response);
 
 std::string fileText(const std::string& path);
 std::string readWhole(int fd);
