@@ -166,6 +166,8 @@ class Browser {
   enum class Library { none, readability, page };
   Json inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
                Library library = Library::none);
+  // The id of the tab's isolated world, made and given `library` when it needs them.
+  int worldOf(const std::shared_ptr<Tab>& tab, Library library);
 
   // Acting.
   struct Before {
@@ -233,6 +235,7 @@ class Browser {
   Json network(const Json& params);
   Json downloads(const Json& params);
   Json upload(const Json& params);
+  Json media(const Json& params);
 
   Settings settings;
   ActionLog actions;

@@ -230,12 +230,7 @@ Json Browser::upload(const Json& params) {
   if (ref.empty()) throw Failure("upload takes the ref of a file field, or of the button that opens one");
   std::vector<std::string> files = allowedFiles(params.contains("files") ? params["files"] : Json());
   int number = refNumber(tab, ref);
-  inWorld(tab, "0", Library::page);
-  int context;
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    context = tab->world;
-  }
+  int context = worldOf(tab, Library::page);
   Json found = call("Runtime.evaluate",
                     {{"expression", "__nurel.element(" + std::to_string(number) + ")"},
                      {"contextId", context}},
