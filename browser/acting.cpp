@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "browser/browser.h"
+#include "catalogue/catalogue.h"
+#include "catalogue/commands.h"
 
 namespace nurel::browser {
 
@@ -544,21 +546,19 @@ Json Browser::dialog(const Json& params) {
          (accept && params.contains("text") ? " with " + quote(text) : "");
 }
 
+std::string stepMethod(const std::string& tool) {
+  const std::vector<std::string>& allowed = batchTools();
+  if (std::find(allowed.begin(), allowed.end(), tool) == allowed.end()) return {};
+  for (const Command& command : commands())
+    if (command.tool == tool) return std::string(command.name);
+  return {};
+}
+
 Json Browser::batch(const Json& params) {
   std::string tab = stringParam(params, "tab");
   const Json& actions = params.contains("actions") ? params["actions"] : Json();
   if (!actions.is_array() || actions.empty()) throw Failure("batch takes a list of actions");
   if (actions.size() > 25) throw Failure("a batch holds at most 25 actions");
-  // The tools a batch may name, and the methods they are.
-  static const std::map<std::string, std::string> methods = {
-      {"click", "click"},         {"type", "type"},          {"select_option", "choose"},
-      {"press_key", "key"},       {"scroll", "scroll"},      {"hover", "hover"},
-      {"drag", "drag"},           {"navigate", "navigate"},  {"go_back", "back"},
-      {"go_forward", "forward"},  {"reload", "reload"},      {"wait_for", "wait"},
-      {"media", "media"},         {"handle_dialog", "dialog"}, {"snapshot", "snapshot"},
-      {"describe_page", "describe"}, {"get_text", "text"},   {"find", "find"},
-      {"inspect", "inspect"},     {"console", "console"},    {"evaluate", "eval"},
-      {"emulate", "emulate"}};
   std::string lines;
   size_t number = 0;
   for (const Json& action : actions) {
@@ -567,14 +567,13 @@ Json Browser::batch(const Json& params) {
     if (!action.is_object() || !action.contains("do") || !action["do"].is_string())
       throw Failure(lines + prefix + "failed: an action needs \"do\"");
     std::string tool = action["do"];
-    auto method = methods.find(tool);
-    if (method == methods.end())
-      throw Failure(lines + prefix + tool + " failed: not an action a batch can do");
+    std::string method = stepMethod(tool);
+    if (method.empty()) throw Failure(lines + prefix + tool + " failed: not an action a batch can do");
     Json arguments = action;
     arguments.erase("do");
     if (!arguments.contains("tab")) arguments["tab"] = tab;
     try {
-      Json result = handle(method->second, arguments);
+      Json result = handle(method, arguments);
       std::string text = result.is_string() ? result.get<std::string>() : indented(result);
       lines += prefix + tool + ": " + text + "\n";
     } catch (const Failure& failure) {

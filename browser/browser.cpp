@@ -1,5 +1,6 @@
 // browser/browser.cpp: Chromium's lifetime, the tabs and the routing of its events.
 #include "browser/browser.h"
+#include "catalogue/commands.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,13 +17,6 @@
 namespace nurel::browser {
 
 namespace {
-
-// The method names of later work, answered with a line that says so until they are built.
-const std::set<std::string>& notYet() {
-  static const std::set<std::string> names = {
-      "scenarios", "run"};
-  return names;
-}
 
 void makeFolders(const std::string& path) {
   for (size_t slash = 1; slash != std::string::npos;) {
@@ -555,7 +549,6 @@ bool underAllowedFolder(const std::string& path, const std::vector<std::string>&
 std::vector<std::string> Browser::methods() {
   std::vector<std::string> names;
   for (auto& [name, handler] : handlers()) names.push_back(name);
-  for (auto& name : notYet()) names.push_back(name);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -580,6 +573,7 @@ const std::map<std::string, Browser::Handler>& Browser::handlers() {
       {"storage", &Browser::storage}, {"ask", &Browser::ask},
       {"network", &Browser::network}, {"downloads", &Browser::downloads},
       {"upload", &Browser::upload},   {"media", &Browser::media},
+      {"scenarios", &Browser::scenarios}, {"run", &Browser::run},
   };
   return table;
 }
@@ -588,10 +582,8 @@ namespace {
 
 // Whether a request may change something, and so goes into the action log.
 bool changes(const std::string& method, const Json& params) {
-  static const std::set<std::string> reading = {
-      "hello", "tabs", "text", "describe", "wait", "screenshot", "pdf", "snapshot", "find",
-      "inspect", "console", "network", "downloads", "scenarios"};
-  if (reading.count(method)) return false;
+  const Command* command = findCommand(method);
+  if (method == "hello" || (command && command->readOnly)) return false;
   if (method == "storage") return flagParam(params, "clear");
   if (method == "media") return !stringParam(params, "action").empty() && stringParam(params, "action") != "state";
   return true;
@@ -602,7 +594,6 @@ bool changes(const std::string& method, const Json& params) {
 Json Browser::handle(const std::string& method, const Json& params) {
   auto found = handlers().find(method);
   if (found == handlers().end()) {
-    if (notYet().count(method)) throw Failure(method + " isn't available in this browser yet");
     throw Failure("unknown method " + method);
   }
   const Json& given = params.is_object() ? params : Json::object();

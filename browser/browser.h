@@ -236,6 +236,9 @@ class Browser {
   Json downloads(const Json& params);
   Json upload(const Json& params);
   Json media(const Json& params);
+  Json scenarios(const Json& params);
+  Json run(const Json& params);
+  std::string scenarioFolder() const;
 
   Settings settings;
   ActionLog actions;
@@ -268,6 +271,10 @@ bool underAllowedFolder(const std::string& path, const std::vector<std::string>&
 
 /// The person's downloads folder: XDG_DOWNLOAD_DIR of user-dirs.dirs, else ~/Downloads.
 std::string downloadsFolder();
+
+/// The method a step of a batch or scenario calls for its tool ("select_option": "choose"), or
+/// "" when a step may not name that tool.
+std::string stepMethod(const std::string& tool);
 
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);

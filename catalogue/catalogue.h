@@ -26,6 +26,9 @@ const OrderedJson& tabSchema();
 const OrderedJson& refSchema();
 const OrderedJson& intentSchema();
 
+/// The tools a step of a batch (or of a scenario) may name, in the schema's order.
+const std::vector<std::string>& batchTools();
+
 /// A tool dictionary: name, description, inputSchema {type, properties, required} and
 /// annotations {readOnlyHint, openWorldHint}, the hints following from the name alone.
 OrderedJson tool(const std::string& name, const std::string& description,

@@ -45,13 +45,7 @@ OrderedJson address() {
 /// The steps of a batch: at most 25 objects, each naming its tool in "do" and carrying that
 /// tool's own arguments, which are not declared here and so are allowed as they come.
 OrderedJson batchActions() {
-  // The tools a step may name.
-  // clang-format off
-  const std::vector<std::string> tools = {
-      "click", "type", "select_option", "press_key", "scroll", "hover", "drag", "navigate",
-      "go_back", "go_forward", "reload", "wait_for", "media", "handle_dialog", "snapshot",
-      "describe_page", "get_text", "find", "inspect", "console", "evaluate", "emulate"};
-  // clang-format on
+  const std::vector<std::string>& tools = batchTools();
   OrderedJson step = {{"type", "object"},
                       {"properties", {{"do", oneOf(tools)}, {"intent", intentSchema()}}},
                       {"required", {"do"}}};
@@ -59,6 +53,16 @@ OrderedJson batchActions() {
 }
 
 }  // namespace
+
+const std::vector<std::string>& batchTools() {
+  // clang-format off
+  static const std::vector<std::string> names = {
+      "click", "type", "select_option", "press_key", "scroll", "hover", "drag", "navigate",
+      "go_back", "go_forward", "reload", "wait_for", "media", "handle_dialog", "snapshot",
+      "describe_page", "get_text", "find", "inspect", "console", "evaluate", "emulate"};
+  // clang-format on
+  return names;
+}
 
 const OrderedJson& tools() {
   static const OrderedJson list = [] {

@@ -216,7 +216,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   ASSERT_GE(fd, 0);
   std::string lines =
       "not json\n[1,2]\n\n{\"id\":5}\n{\"id\":\"six\",\"method\":\"fly\"}\n"
-      "{\"id\":7,\"method\":\"downloads\",\"params\":{\"tab\":\"t1\"}}\n"
+      "{\"id\":7,\"method\":\"downloads\",\"params\":{\"tab\":\"t999999\"}}\n"
       "{\"id\":8,\"method\":\"open\",\"params\":{\"url\":\"file:///etc/passwd\"}}\n"
       "{\"id\":9,\"method\":\"hello\",\"params\":[]}\n";
   ASSERT_EQ(write(fd, lines.data(), lines.size()), ssize_t(lines.size()));
@@ -226,7 +226,7 @@ TEST(Browser, BadLinesGetAnAnswerWhenTheyHaveAnIdAndNothingElse) {
   EXPECT_EQ(replies,
             "{\"error\":\"the request has no method\",\"id\":5}\n"
             "{\"error\":\"unknown method fly\",\"id\":\"six\"}\n"
-            "{\"error\":\"downloads isn't available in this browser yet\",\"id\":7}\n"
+            "{\"error\":\"no tab t999999\",\"id\":7}\n"
             "{\"error\":\"won't open file:///etc/passwd: it isn't under a folder of "
             "NUREL_ALLOW_FILES\",\"id\":8}\n"
             "{\"id\":9,\"result\":{\"name\":\"nurel-browser\",\"version\":\"1\"}}\n");
@@ -387,9 +387,8 @@ TEST(Browser, ExitsAfterTheIdleTime) {
   EXPECT_FALSE(std::filesystem::exists(place.socket()));
 }
 
-TEST(Browser, MethodsOfLaterWorkSaySoAndSigninNeedsTheMacBrowser) {
+TEST(Browser, SigninNeedsTheMacBrowser) {
   std::string tab = shared().open(url("/"));
-  EXPECT_EQ(shared().nurel({"media", tab}).err, "media isn't available in this browser yet\n");
   EXPECT_EQ(shared().nurel({"signin", tab}).err,
             "sign-in with saved logins needs the macOS browser: here, type the login into the "
             "page, or ask the person\n");

@@ -87,5 +87,88 @@ TEST(Media, PlaysPausesSeeksAndSaysHowItIs) {
             "nothing on the page plays audio or video, so nothing to play\n");
 }
 
+
+// The back end's data folder: the one that holds Chromium's profile.
+std::string dataFolder(const BackEnd& backEnd) {
+  for (auto& entry : std::filesystem::directory_iterator(backEnd.file("data")))
+    if (std::filesystem::exists(entry.path() / "profile")) return entry.path().string();
+  return {};
+}
+
+TEST(Scenarios, ARecordedScenarioRunsWithItsValuesAndStopsWhereAStepFails) {
+  servePage("/shop", R"html(<title>Shop</title>
+<form onsubmit="event.preventDefault(); done.textContent = 'Ordered ' + size.value + ' for ' + email.value + ', ' + pw.value.length">
+<label>Email <input id=email></label><label>Password <input id=pw type=password></label>
+<select id=size aria-label=Size><option>Small<option>Large</select><button>Order</button></form>
+<p id=done></p><div id=late></div>
+<script>setTimeout(() => late.innerHTML = '<button onclick="this.textContent = \'Thanked\'">Say thanks</button>', 700)</script>)html");
+  std::string tab = shared().open(url("/second"));
+  std::string folder = dataFolder(shared()) + "/scenarios";
+  ASSERT_NE(folder, "/scenarios");
+  std::filesystem::create_directories(folder);
+  writeTestFile(folder + "/coffee.json", R"({"name": "Order coffee", "start": ")" + url("/shop") + R"(",
+  "steps": [
+    {"do": "type", "role": "textbox", "name": "Email", "text": "{{email}}"},
+    {"do": "type", "role": "textbox", "name": "password", "secret": true},
+    {"do": "select_option", "role": "combobox", "name": "Size", "option": "Large"},
+    {"do": "click", "role": "button", "name": "Order", "intent": "Ordering"},
+    {"do": "click", "role": "button", "name": "Say thanks"}
+  ]})");
+  writeTestFile(folder + "/missing.json", R"({"name": "Missing", "start": ")" + url("/shop") + R"(",
+    "steps": [{"do": "click", "role": "button", "name": "Order"},
+              {"do": "click", "role": "button", "name": "Nowhere", "timeout": 1},
+              {"do": "press_key", "key": "Enter"}]})");
+  writeTestFile(folder + "/broken.json", "{\"name\": ");
+  writeTestFile(folder + "/wrong.json", R"({"name": "Wrong", "start": "/", "steps": [{"do": "fly"}]})");
+
+  Outcome listed = shared().nurel({"scenarios"});
+  EXPECT_EQ(listed.out,
+            "\"Order coffee\" (coffee.json): starts at " + url("/shop") + ", 5 steps\n"
+            "  1. type textbox \"Email\": {{email}}\n"
+            "  2. type textbox \"password\": (secret)\n"
+            "  3. select_option combobox \"Size\": Large\n"
+            "  4. click button \"Order\"\n"
+            "  5. click button \"Say thanks\"\n"
+            "\"Missing\" (missing.json): starts at " + url("/shop") + ", 3 steps\n"
+            "  1. click button \"Order\"\n"
+            "  2. click button \"Nowhere\"\n"
+            "  3. press_key: Enter\n"
+            "broken.json: skipped, it isn't valid JSON\n"
+            "wrong.json: skipped, step 1: fly isn't an action a step can do\n") << listed.err;
+
+  // A secret step without its value: nothing is done, not even the start page.
+  Outcome refused = shared().nurel({"run", tab, "Order", "coffee", "--values", R"({"email": "ann@example.com"})"});
+  EXPECT_EQ(refused.err, "step 2 (type textbox \"password\": (secret)) is secret and needs its value: give it "
+                         "as values {\"2\": …}; nothing was done\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return document.title"}).out, "Second\n");
+
+  // Through the MCP server, as an agent runs it.
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"run_scenario","arguments":{"tab":")" +
+           tab + R"(","scenario":"Order coffee","values":{"email":"ann@example.com","2":"s3cret-pass"}}}})");
+  auto answer = mcp.next();
+  ASSERT_TRUE(answer);
+  Json reply = parseDocument(*answer);
+  EXPECT_FALSE(reply["result"].value("isError", false)) << *answer;
+  std::string text = reply["result"]["content"][0]["text"];
+  EXPECT_EQ(text.substr(0, text.find('\n')), "started at " + url("/shop") + " \"Shop\"") << text;
+  EXPECT_NE(text.find("\n2. type textbox \"password\": (secret): typed 11 characters into textbox \"Password\""),
+            std::string::npos) << text;
+  EXPECT_NE(text.find("\n5. click button \"Say thanks\": clicked button \"Say thanks\""), std::string::npos) << text;
+  EXPECT_EQ(text.substr(text.rfind('\n') + 1), "done: \"Order coffee\", 5 steps");
+  EXPECT_EQ(text.find("s3cret"), std::string::npos);
+  EXPECT_EQ(mcp.finish(), 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return done.textContent + ' ' + late.textContent"}).out,
+            "Ordered Large for ann@example.com, 11 Thanked\n");
+
+  Outcome stopped = shared().nurel({"run", tab, "missing"});
+  EXPECT_EQ(stopped.status, 1);
+  EXPECT_NE(stopped.err.find("\n1. click button \"Order\": clicked button \"Order\""), std::string::npos) << stopped.err;
+  EXPECT_EQ(stopped.err.substr(stopped.err.find("\nstopped")),
+            "\nstopped at step 2 (click button \"Nowhere\"): no button \"Nowhere\" on the page after 1 s "
+            "(the 1 after it not done)\n");
+  EXPECT_EQ(shared().nurel({"run", tab, "Tea"}).err, "no scenario \"Tea\": scenarios lists them\n");
+}
+
 }  // namespace
 }  // namespace nurel::testing
