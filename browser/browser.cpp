@@ -599,14 +599,20 @@ Json Browser::handle(const std::string& method, const Json& params) {
   const Json& given = params.is_object() ? params : Json::object();
   if (!changes(method, given)) return perform(found->second, method, given);
   std::string tabID = stringParam(given, "tab"), address;
+  std::string ref = stringParam(given, "ref"), intent = stringParam(given, "intent");
+  std::shared_ptr<Tab> tab;
   {
     std::lock_guard<std::mutex> guard(tabsLock);
-    if (auto tab = tabsByID.find(tabID); tab != tabsByID.end()) {
-      std::lock_guard<std::mutex> tabGuard(tab->second->lock);
-      address = tab->second->url;
-    }
+    if (auto found = tabsByID.find(tabID); found != tabsByID.end()) tab = found->second;
   }
-  std::string ref = stringParam(given, "ref"), intent = stringParam(given, "intent");
+  if (tab) {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    address = tab->url;
+    // The person has the tab while they are asked; the agent may look, not act.
+    if (tab->asking)
+      throw Failure(tab->id + " is the person's until they answer what ask showed them: wait for it");
+  }
+  if (tab && settings.headed && !intent.empty() && method != "close") showIntent(tab, intent);
   try {
     Json result = perform(found->second, method, given);
     // A script's value may be anything the page holds: the log says only that one ran.

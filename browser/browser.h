@@ -69,6 +69,7 @@ struct Tab {
   std::optional<Json> chooser;        // the file chooser the page opened, if any
   std::set<std::string> frames;       // the ids of the frames in it, for its downloads
   uint64_t downloadsStarted = 0;
+  bool asking = false;                // ask is waiting for the person: no actions meanwhile
 
   // Refs: numbers go up across the tab's documents; each run of them belongs to one document.
   int nextRef = 1;
@@ -233,6 +234,8 @@ class Browser {
   Json storage(const Json& params);
   Json ask(const Json& params);
   Json network(const Json& params);
+  // Shows the agent's intent over the page for a few seconds (with a window only).
+  void showIntent(const std::shared_ptr<Tab>& tab, const std::string& intent);
   Json downloads(const Json& params);
   Json upload(const Json& params);
   Json media(const Json& params);

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <thread>
 
+#include <sstream>
+
 #include "browser/browser.h"
 #include "browser/scripts.h"
 #include "browser/secrets.h"
@@ -434,11 +436,69 @@ Json Browser::storage(const Json& params) {
 }
 
 Json Browser::ask(const Json& params) {
-  tabFor(params);
+  auto tab = tabFor(params);
+  std::string message = stringParam(params, "message");
+  if (message.empty()) throw Failure("ask takes the message to show the person");
   if (!settings.headed)
     throw Failure("no one is watching this browser: it runs without a window. Start it with one "
                   "(NUREL_HEADED=1, with a display) for a person to answer");
-  throw Failure("asking the person isn't available in this browser yet");
+  double minutes = numberParam(params, "timeout", 10);
+  if (minutes <= 0) minutes = 10;
+  minutes = std::min(minutes, 30.0);
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (tab->asking) throw Failure(tab->id + " is already waiting for the person");
+    tab->asking = true;
+  }
+  struct Done {
+    Browser* browser;
+    std::shared_ptr<Tab> tab;
+    ~Done() {
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        tab->asking = false;
+      }
+      try {
+        browser->inWorld(tab, "globalThis.__nurelBanner && globalThis.__nurelBanner.hide('ask')");
+      } catch (const std::exception&) {
+        // The tab went, and the banner with it.
+      }
+    }
+  } done{this, tab};
+  call("Page.bringToFront", Json::object(), tab->session);
+  inWorld(tab, "globalThis.__nurelBanner && (globalThis.__nurelBanner.answered = '')");
+  // Shown again whenever it is gone: the person may go to another page to do what was asked.
+  std::string poll = "(() => { const own = globalThis.__nurelBanner; if (own && own.answer()) return own.answer(); "
+                     "if (!own || !own.showing('ask')) (" + std::string(scripts::banner) + ")('ask', " +
+                     quote(message) + ", 0); return ''; })()";
+  auto deadline = Clock::now() + std::chrono::milliseconds(int64_t(minutes * 60000));
+  while (true) {
+    Json answer;
+    try {
+      answer = inWorld(tab, poll);
+    } catch (const Failure&) {
+      // Between two documents: the next look finds the new one.
+    }
+    if (answer == "done") return "the person says it's done";
+    if (answer == "cant") return "the person says they can't do it";
+    {
+      std::unique_lock<std::mutex> guard(tab->lock);
+      if (tab->gone) throw Failure("the tab " + tab->id + " closed while the person was asked");
+      if (Clock::now() >= deadline) break;
+      tab->changed.wait_for(guard, std::chrono::milliseconds(300));
+    }
+  }
+  std::ostringstream said;
+  said << "the person didn't answer in " << minutes << (minutes == 1 ? " minute" : " minutes");
+  return said.str();
+}
+
+void Browser::showIntent(const std::shared_ptr<Tab>& tab, const std::string& intent) {
+  try {
+    inWorld(tab, "(" + std::string(scripts::banner) + ")('intent', " + quote(intent) + ", 4)");
+  } catch (const std::exception&) {
+    // Shown or not, the action goes on.
+  }
 }
 
 Json Browser::network(const Json& params) {

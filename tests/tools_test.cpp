@@ -2,8 +2,14 @@
 // scenarios, and the person.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
+#include <thread>
 
 #include "link/json.h"
 #include "tests/browser_fixture.h"
@@ -168,6 +174,97 @@ TEST(Scenarios, ARecordedScenarioRunsWithItsValuesAndStopsWhereAStepFails) {
             "\nstopped at step 2 (click button \"Nowhere\"): no button \"Nowhere\" on the page after 1 s "
             "(the 1 after it not done)\n");
   EXPECT_EQ(shared().nurel({"run", tab, "Tea"}).err, "no scenario \"Tea\": scenarios lists them\n");
+}
+
+// A virtual display for a back end with a window, and xdotool as the person at its keyboard;
+// skipped where they are not installed.
+class Display {
+ public:
+  Display() {
+    if (system("command -v Xvfb >/dev/null && command -v xdotool >/dev/null") != 0) return;
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    pid = fork();
+    if (pid == 0) {
+      dup2(fds[1], 3);
+      execlp("Xvfb", "Xvfb", "-displayfd", "3", "-screen", "0", "1280x900x24", "-nolisten", "tcp", nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    std::string number;
+    char c;
+    while (read(fds[0], &c, 1) == 1 && c != '\n') number += c;
+    close(fds[0]);
+    if (!number.empty()) name = ":" + number;
+  }
+  ~Display() {
+    if (pid > 0) {
+      kill(pid, SIGTERM);
+      waitpid(pid, nullptr, 0);
+    }
+  }
+  // Presses `key` in the browser's window showing `title`, as a person at the keyboard does.
+  bool press(const std::string& title, const std::string& key) const {
+    std::string command = "DISPLAY=" + name + " xdotool search --sync --onlyvisible --name '^" + title +
+                          "' windowfocus --sync key " + key + " >/dev/null 2>&1";
+    return system(command.c_str()) == 0;
+  }
+  std::string name;
+
+ private:
+  pid_t pid = -1;
+};
+
+TEST(Person, AskShowsABannerThePageCannotReadOrClickAndWaitsForThePerson) {
+  Display display;
+  if (display.name.empty()) GTEST_SKIP() << "needs Xvfb and xdotool";
+  BackEnd headed({{"NUREL_HEADED", "1"}, {"DISPLAY", display.name}});
+  // The page tries what a hostile page would: read the banner, click it, take it away.
+  servePage("/hostile-ask", R"html(<title>Puzzle</title><h1>A puzzle</h1><script>
+window.findings = [];
+const look = setInterval(() => {
+  const host = document.querySelector('nurel-ask');
+  if (!host) return;
+  clearInterval(look);
+  findings.push(String(host.shadowRoot), host.textContent, host.innerText);
+  host.click();
+  host.dispatchEvent(new MouseEvent('click', {bubbles: true, composed: true}));
+  host.remove();
+  setTimeout(() => findings.push(!!document.querySelector('nurel-ask')), 300);
+}, 50);
+</script>)html");
+  std::string tab = headed.open(url("/hostile-ask"));
+  ASSERT_NE(tab, "");
+
+  Outcome asked;
+  std::thread person([&] { asked = headed.nurel({"ask", tab, "Please", "solve", "the", "puzzle", "--timeout", "0.5"}); });
+  std::string refused;
+  EXPECT_TRUE(eventually([&] {
+    refused = headed.nurel({"click", tab, "10", "10"}).err;
+    return refused.find("is the person's") != std::string::npos;
+  }));
+  EXPECT_EQ(refused, tab + " is the person's until they answer what ask showed them: wait for it\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));  // the page's tries
+  EXPECT_TRUE(display.press("Puzzle", "Return"));
+  person.join();
+  EXPECT_EQ(asked.out, "the person says it's done\n") << asked.err;
+  EXPECT_EQ(headed.nurel({"eval", tab, "return findings"}).out, "[\n  \"null\",\n  \"\",\n  \"\",\n  true\n]\n");
+  EXPECT_EQ(headed.nurel({"eval", tab, "return !!document.querySelector('nurel-ask')"}).out, "false\n");
+
+  // Nobody there: the time runs out (a fraction of a minute here).
+  Outcome late = headed.nurel({"ask", tab, "Anyone?", "--timeout", "0.02"});
+  EXPECT_EQ(late.out, "the person didn't answer in 0.02 minutes\n") << late.err;
+
+  // An action's intent shows over the page while it runs, as an element the page can't read.
+  servePage("/intent", "<title>Intent</title><button onclick=\"seen.textContent = "
+                       "document.querySelector('nurel-intent') ? 'shown, ' + document.querySelector('nurel-intent').textContent.length : 'not shown'\">"
+                       "Go</button><p id=seen></p>");
+  EXPECT_EQ(headed.nurel({"navigate", tab, url("/intent")}).status, 0);
+  std::string button;
+  std::string s = headed.nurel({"snapshot", tab}).out;
+  button = s.substr(s.find("[ref=") + 5, s.find(']', s.find("[ref=")) - s.find("[ref=") - 5);
+  EXPECT_EQ(headed.nurel({"click", tab, button, "--intent", "Pressing go"}).status, 0);
+  EXPECT_EQ(headed.nurel({"eval", tab, "return seen.textContent"}).out, "shown, 0\n");
 }
 
 }  // namespace

@@ -556,16 +556,25 @@
   // Counts changes to the document between watch() and changes().
   let mutations = 0;
   let observer = null;
+  // The back end's own banners (banner.js) come and go without the page changing.
+  const ours = (record) => {
+    const hosts = globalThis.__nurelBanner && globalThis.__nurelBanner.hosts;
+    if (!hosts) return false;
+    if (hosts.has(record.target)) return true;
+    const nodes = [...record.addedNodes, ...record.removedNodes];
+    return nodes.length > 0 && nodes.every((node) => hosts.has(node));
+  };
+  const counted = (records) => records.filter((record) => !ours(record)).length;
   const watch = () => {
     if (!observer) {
-      observer = new MutationObserver((records) => { mutations += records.length; });
+      observer = new MutationObserver((records) => { mutations += counted(records); });
       observer.observe(document, { subtree: true, childList: true, attributes: true, characterData: true });
     }
     observer.takeRecords();
     mutations = 0;
     return true;
   };
-  const changes = () => (observer ? mutations + observer.takeRecords().length : 0);
+  const changes = () => (observer ? mutations + counted(observer.takeRecords()) : 0);
   const scrolled = () => {
     const scroller = document.scrollingElement || document.documentElement;
     return { x: Math.round(scrollX), y: Math.round(scrollY),
