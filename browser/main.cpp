@@ -27,15 +27,18 @@ and the socket 0600; connections from other users are closed. A second nurel-bro
 same socket says so and exits.
 
 Chromium starts on the first request that needs it, with its profile (the Agent Space) in
-${XDG_DATA_HOME:-~/.local/share}/<data name>/profile, and never outlives this program.
+the data folder, ${XDG_DATA_HOME:-~/.local/share}/<data name>, and never outlives this
+program. The data folder also holds actions.jsonl, one line for each request that changed
+something (what, why, and how it went; no typed text or secrets), and scenarios/*.json, the
+steps that run does. Downloads go to XDG_DOWNLOAD_DIR (user-dirs.dirs), else ~/Downloads.
 
 Environment:
   NUREL_SOCKET         the socket to listen on
   NUREL_CHROMIUM       the Chromium to run (else chromium, chromium-headless-shell,
                        google-chrome-stable or google-chrome on PATH)
   NUREL_HEADED=1       real windows, when there is a display
-  NUREL_ALLOW_FILES    folders, separated by colons, whose files (file: addresses) may be
-                       opened; none by default
+  NUREL_ALLOW_FILES    folders, separated by colons, whose files may be opened (file:
+                       addresses) or given to pages (upload); none by default
   NUREL_TIMEOUT        seconds a page may take to load and a script to run (30)
   NUREL_IDLE_MINUTES   exit after this long with no connection and no request (30)
 
