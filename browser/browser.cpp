@@ -293,6 +293,7 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     if (!frame.contains("parentId")) {
       tab->loader = frame.value("loaderId", "");
       tab->url = frame.value("url", "");
+      tab->frames.clear();
       tab->console.clear();
       tab->consoleDropped = 0;
     }
