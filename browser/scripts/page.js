@@ -118,6 +118,12 @@
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
     .map((found) => squash(found.textContent)).join(' ');
+  // The name an element is given rather than what it says: aria-labelledby, aria-label, title.
+  const ownLabel = (element) => {
+    const labelledBy = element.getAttribute('aria-labelledby');
+    return (labelledBy && byIds(labelledBy)) || squash(element.getAttribute('aria-label')) ||
+      squash(element.getAttribute('title'));
+  };
   const nameOf = (element, role) => {
     const labelledBy = element.getAttribute('aria-labelledby');
     if (labelledBy) {
@@ -315,7 +321,10 @@
         out.push(...children.filter((c) => !c.text));
         return;
       }
-      const name = role ? nameOf(element, role) : '';
+      let name = role ? nameOf(element, role) : '';
+      // Something clickable by script around links or buttons (a card) is named by its own
+      // label only: its content is said by what it holds, each with its own ref.
+      if (role === 'clickable' && holdsRefs(children)) name = ownLabel(element);
       let keep;
       if (actionable) keep = true;
       else if (!role) keep = false;
@@ -356,6 +365,7 @@
       if (interactiveOnly && landmarks.has(role) && item.children.length === 0) return;
       out.push(item);
     };
+    const holdsRefs = (items) => items.some((item) => item.ref || (item.children && holdsRefs(item.children)));
     const root = [];
     build(document.body || document.documentElement, root);
 
