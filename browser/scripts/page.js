@@ -348,7 +348,7 @@
         }
         return;
       }
-      const item = { role, name: clip(name, interactiveOnly ? 80 : 150), states: statesOf(element, role), children };
+      const item = { role, name: clip(name, interactiveOnly ? 80 : 150), said: name, states: statesOf(element, role), children };
       if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') {
         item.ref = refOf(element);
         if (actionable) lastActionable.push(element);
@@ -356,7 +356,14 @@
       // A name taken from the content says all its text: the text is not repeated under it.
       if (name && (namedByContent.has(role) || role === 'clickable')) {
         item.children = children.filter((c) => !c.text || !name.includes(c.text));
+        // Nor by an image or a heading in it: the image goes, the heading keeps only its level.
+        item.children = item.children
+          .filter((c) => !(c.role === 'img' && !c.ref && !c.children.length && name.includes(c.said)))
+          .map((c) => (c.role === 'heading' && !c.ref && c.said && name.includes(c.said) ? { ...c, name: '' } : c));
       }
+      // What holds only one thing to act on, of the same name, leaves the name to it.
+      if (!actionable && name && item.children.length === 1 && item.children[0].ref &&
+          item.children[0].said === name) item.name = '';
       if (interactiveOnly && !actionable && !landmarks.has(role) && role !== 'heading' &&
           role !== 'dialog') {
         out.push(...item.children);
