@@ -370,6 +370,10 @@
         return;
       }
       if (interactiveOnly && landmarks.has(role) && item.children.length === 0) return;
+      // A line with nothing in it to read or act on (an empty landmark, list or image) is left
+      // out; a separator, a frame and a dialog say something by being there.
+      if (!item.ref && !item.name && !item.children.length && item.states.every((s) => s.startsWith('level=')) &&
+          !['separator', 'iframe', 'dialog', 'alertdialog'].includes(role)) return;
       out.push(item);
     };
     const holdsRefs = (items) => items.some((item) => item.ref || (item.children && holdsRefs(item.children)));
