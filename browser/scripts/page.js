@@ -223,7 +223,10 @@
           // Parameters that only say where a click came from, for the site's own counting.
           for (const key of [...target.searchParams.keys()])
             if (/^(utm_|source$|ref_src$|ref$|fbclid$|gclid$|mc_|_hs)/.test(key)) target.searchParams.delete(key);
+          // Another site's addresses without https://, which navigate puts back, as a browser's
+          // address bar shows them.
           shown = target.origin === location.origin ? target.pathname + target.search + target.hash
+            : target.protocol === 'https:' && !target.username ? target.href.slice('https://'.length)
             : target.href;
           if (shown !== href && !target.search && href.endsWith('?')) shown += '?';
         } catch (e) {
