@@ -185,6 +185,9 @@
     }
     return false;
   };
+  // Clickable only by its pointer cursor: no handler in its attributes, not focusable, not editable.
+  const pointerOnly = (element) => !element.hasAttribute('onclick') && !element.hasAttribute('onmousedown') &&
+    !(Number(element.getAttribute('tabindex') ?? -1) >= 0) && !element.isContentEditable;
   const onScreen = (element) => {
     const box = element.getBoundingClientRect();
     return box.bottom > 0 && box.right > 0 && box.top < innerHeight && box.left < innerWidth &&
@@ -313,9 +316,15 @@
       if (role === 'none') role = '';
       const scriptOnly = element && !widgets.has(role) && clickable(element);
       if (scriptOnly && !role) role = 'clickable';
-      const actionable = element && (widgets.has(role) || scriptOnly || role === 'clickable');
+      let actionable = element && (widgets.has(role) || scriptOnly || role === 'clickable');
       const children = [];
       for (const child of childNodesOf(node)) build(child, children);
+      // A card: something that only shows the pointer, around a link it takes the click to. The
+      // link is what to click; the card is dissolved like any wrapper.
+      if (role === 'clickable' && pointerOnly(element) && holdsLink(children)) {
+        role = '';
+        actionable = false;
+      }
       if (!element) {
         out.push(...children);
         return;
@@ -379,6 +388,7 @@
           !['separator', 'iframe', 'dialog', 'alertdialog'].includes(role)) return;
       out.push(item);
     };
+    const holdsLink = (items) => items.some((item) => (item.ref && item.role === 'link') || (item.children && holdsLink(item.children)));
     const holdsRefs = (items) => items.some((item) => item.ref || (item.children && holdsRefs(item.children)));
     const root = [];
     build(document.body || document.documentElement, root);
