@@ -154,6 +154,14 @@ bool Browser::running() {
   return current && current->cdp->alive();
 }
 
+void Browser::warmUp() {
+  try {
+    engine();
+  } catch (const std::exception&) {
+    // The first request starts it again and answers with the reason.
+  }
+}
+
 std::shared_ptr<Browser::Engine> Browser::engine() {
   std::lock_guard<std::mutex> guard(engineLock);
   if (current && current->cdp->alive()) return current;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include "browser/browser.h"
 #include "browser/server.h"
@@ -92,6 +93,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "nurel-browser: %s\n", error.what());
     return 1;
   }
+  // Chromium starts now, while the nurel that started us waits to connect, rather than on the
+  // first request; if it can't, that request tries again and says why.
+  std::thread([&agentBrowser] { agentBrowser.warmUp(); }).detach();
   server.run();
   // Connections may still be inside a request: close Chromium under them, take the socket
   // away, and leave without unwinding what they use.
