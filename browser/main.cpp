@@ -27,7 +27,8 @@ Info.plist of the bundle this program is in, else Nurel). The socket's folder is
 and the socket 0600; connections from other users are closed. A second nurel-browser for the
 same socket says so and exits.
 
-Chromium starts on the first request that needs it, with its profile (the Agent Space) in
+Chromium starts with this program (again on the next request if it could not, or if it
+died), with its profile (the Agent Space) in
 ${XDG_DATA_HOME:-~/.local/share}/<data name>/profile, and never outlives this program.
 
 Environment:
