@@ -152,11 +152,16 @@ function sample() {
       if (watch.roots.has(up)) { tree.add(pid); break; }
   }
   let own = 0, total = 0;
+  const parts = {};
   for (const pid of tree) {
     watch.seen.set(pid, comm.get(pid));
     total += rss.get(pid);
-    if (watch.own.includes(comm.get(pid))) own += rss.get(pid);
+    if (watch.own.includes(comm.get(pid))) {
+      own += rss.get(pid);
+      parts[comm.get(pid)] = (parts[comm.get(pid)] || 0) + rss.get(pid);
+    }
   }
+  if (own > watch.own_peak) watch.parts = parts;
   watch.own_peak = Math.max(watch.own_peak, own);
   watch.total_peak = Math.max(watch.total_peak, total);
 }
@@ -170,7 +175,7 @@ parentPort.on('message', (message) => {
   } else if (message.stop) {
     clearInterval(timer);
     sample();
-    parentPort.postMessage({ own: watch.own_peak, total: watch.total_peak, seen: [...watch.seen] });
+    parentPort.postMessage({ own: watch.own_peak, total: watch.total_peak, parts: watch.parts, seen: [...watch.seen] });
   }
 });`;
 const sampler = new Worker(samplerCode, { eval: true });
@@ -261,9 +266,10 @@ const names = Object.keys(servers);
 const peers = names.filter((n) => n !== 'nurel');
 
 // The figures, by server: arrays of milliseconds or bytes over all runs.
-const results = Object.fromEntries(names.map((n) => [n, { cold: [], look: [], click: [], own: [], total: [],
+const results = Object.fromEntries(names.map((n) => [n, { cold: [], look: [], click: [], own: [], total: [], parts: [],
   bytes: {}, snapshotMs: {}, actionable: {} }]));
 const pageRefs = {};  // what a person can act on, counted by each saved page itself
+const interactive = {};  // bytes of nurel's interactive snapshot of each saved page
 
 async function session(name, base, saved, scratchRoot, run) {
   const server = servers[name];
@@ -307,6 +313,9 @@ async function session(name, base, saved, scratchRoot, run) {
         if (keep) fs.writeFileSync(path.join(keep, `${page.replace(/\.html$/, '')}.${name}.txt`), snapshot);
         into.actionable[page] = snapshot.split('\n').filter((l) => server.actionable.test(l)).length;
         if (name === 'nurel' && run === 0) {
+          const file = path.join(scratch, 'interactive.txt');
+          await client.tool('snapshot', { tab: s.tab, interactive: true, file });
+          interactive[page] = fs.statSync(file).size;
           pageRefs[page] = Number(await client.tool('evaluate', { tab: s.tab, intent: 'count',
             script: countActionable }));
         }
@@ -315,7 +324,11 @@ async function session(name, base, saved, scratchRoot, run) {
   } finally {
     await client.stop();
     const memory = await sampled();
-    if (figures.includes('4')) { into.own.push(memory.own); into.total.push(memory.total); }
+    if (figures.includes('4')) {
+      into.own.push(memory.own);
+      into.total.push(memory.total);
+      into.parts.push(memory.parts);
+    }
     // nurel's back end outlives `nurel mcp` until it is idle: it is ended here, Chromium with it.
     for (const [pid, comm] of memory.seen) if (comm === 'nurel-browser' && alive(pid)) process.kill(pid, 'SIGTERM');
     await reap(memory.seen);
@@ -393,11 +406,20 @@ async function main() {
     table('3) one action: a click by ref on a button that changes the page, to its answer', 'click', 'ms', { text: '<= 0.5', most: 0.5 });
   if (figures.includes('4')) {
     table('4a) peak RSS of the server\'s own processes (nurel mcp + nurel-browser; node)', 'own', 'MiB', { text: '<= 0.2', most: 0.2 }, 1 << 20);
+    // What made each server's median peak, by program.
+    for (const name of names) {
+      const at = results[name].own.indexOf(sorted(results[name].own)[Math.floor((results[name].own.length - 1) / 2)]);
+      const parts = results[name].parts[at] || {};
+      console.log(`  ${name} at its median peak: ` +
+        Object.entries(parts).map(([program, bytes]) => `${program} ${fmt(bytes / (1 << 20))} MiB`).join(', '));
+    }
     table('4b) peak RSS of everything, Chromium included', 'total', 'MiB', { text: '<= 1', most: 1 }, 1 << 20);
   }
   if (figures.includes('5') && saved.length) {
-    console.log('\n5) full snapshot of each saved page: bytes (refs on links, buttons and fields), and median ms of the call');
-    const head = ['page', 'visible', ...names.map((n) => n + ' bytes (refs)'), 'nurel/smallest', ...names.map((n) => n + ' ms')];
+    console.log('\n5) full snapshot of each saved page: bytes (refs on links, buttons and fields), and median ms of the call;' +
+      '\n   nurel\'s interactive snapshot and its share of the full one');
+    const head = ['page', 'visible', ...names.map((n) => n + ' bytes (refs)'), 'nurel/smallest',
+      'nurel interactive', 'of full', ...names.map((n) => n + ' ms')];
     console.log('  ' + head.join(' | '));
     let met = true;
     for (const page of saved) {
@@ -408,6 +430,7 @@ async function main() {
       console.log('  ' + [page, pageRefs[page],
         ...names.map((n) => `${results[n].bytes[page]} (${results[n].actionable[page]})`),
         ratio.toFixed(2) + (covered ? '' : ' (refs missing)'),
+        interactive[page], (interactive[page] / results.nurel.bytes[page]).toFixed(2),
         ...names.map((n) => fmt(median(results[n].snapshotMs[page])))].join(' | '));
     }
     console.log(`  goal: nurel no larger than the smallest peer on every page, with a ref on every visible link, button and field: ${met ? 'met' : 'NOT met'}`);
