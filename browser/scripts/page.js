@@ -371,7 +371,8 @@
         // Nor by an image or a heading in it: the image goes, the heading keeps only its level.
         item.children = item.children
           .filter((c) => !(c.role === 'img' && !c.ref && !c.children.length && name.includes(c.said)))
-          .map((c) => (c.role === 'heading' && !c.ref && c.said && name.includes(c.said) ? { ...c, name: '' } : c));
+          .map((c) => (c.role === 'heading' && !c.ref && c.said && name.includes(c.said) ? { ...c, name: '' } : c))
+          .filter((c) => !(interactiveOnly && c.role === 'heading' && !c.name && !c.children.length));
       }
       // What holds only one thing to act on, of the same name, leaves the name to it.
       if (!actionable && name && item.children.length === 1 && item.children[0].ref &&
@@ -382,6 +383,12 @@
         return;
       }
       if (interactiveOnly && landmarks.has(role) && item.children.length === 0) return;
+      // A heading that left its words to the link it holds places nothing an interactive
+      // snapshot doesn't show: the link stands alone.
+      if (interactiveOnly && role === 'heading' && !item.name) {
+        out.push(...item.children);
+        return;
+      }
       // A line with nothing in it to read or act on (an empty landmark, list or image) is left
       // out; a separator, a frame and a dialog say something by being there.
       if (!item.ref && !item.name && !item.children.length && item.states.every((s) => s.startsWith('level=')) &&
