@@ -136,6 +136,7 @@ src="data:image/gif;base64,R0lGODlhAQABAAAAACw="><h3>Rain on Monday</h3></a><p>C
 <aside></aside><ul></ul>
 <a href="https://example.org/path?q=1">Elsewhere</a>
 <a href="http://example.net/">Plain</a>
+<a href="/news">News today</a><h3>News today</h3>
 <div style="cursor:pointer">Pointer alone</div>
 <div style="cursor:pointer" onclick="this.remove()"><a href="/tag">Tag</a> Remove</div>
 </main>)html";
@@ -147,8 +148,9 @@ TEST(Acting, ASnapshotSaysEachThingOnce) {
   ASSERT_EQ(taken.status, 0) << taken.err;
   // A card that only shows the pointer is dissolved around its link; the link's words are not
   // said again by its image and heading; a heading that holds only a link of its words leaves
-  // them to the link; an empty landmark or list is left out; another site's https address
-  // is shown without https://. A card with a handler of its own keeps its ref.
+  // them to the link, as does a heading that repeats the link before it; an empty landmark or
+  // list is left out; another site's https address is shown without https://. A card with a
+  // handler of its own keeps its ref.
   EXPECT_EQ(withoutRefs(taken.out),
             "- main\n"
             "  - link \"Rain Rain on Monday\" [url=/story]\n"
@@ -158,10 +160,23 @@ TEST(Acting, ASnapshotSaysEachThingOnce) {
             "    - link \"Weather\" [url=/weather]\n"
             "  - link \"Elsewhere\" [url=example.org/path?q=1]\n"
             "  - link \"Plain\" [url=http://example.net/]\n"
+            "  - link \"News today\" [url=/news]\n"
+            "  - heading [level=3]\n"
             "  - clickable \"Pointer alone\"\n"
             "  - clickable\n"
             "    - link \"Tag\" [url=/tag]\n"
             "    - text: Remove\n");
+  // Interactive: the headings that place nothing more are left out.
+  EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab, "--interactive"}).out),
+            "- main\n"
+            "  - link \"Rain Rain on Monday\"\n"
+            "  - link \"Weather\"\n"
+            "  - link \"Elsewhere\"\n"
+            "  - link \"Plain\"\n"
+            "  - link \"News today\"\n"
+            "  - clickable \"Pointer alone\"\n"
+            "  - clickable\n"
+            "    - link \"Tag\"\n");
   for (const char* line : {"link \"Rain Rain on Monday\"", "link \"Weather\"", "link \"Elsewhere\"",
                            "link \"Plain\"", "clickable \"Pointer alone\"", "clickable [ref=", "link \"Tag\""})
     EXPECT_NE(refOn(taken.out, line), "") << line << " in\n" << taken.out;

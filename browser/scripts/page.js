@@ -424,8 +424,15 @@
         // A label's text followed by the field it names is said once, as the field's name.
         if (pending.length && item.name && squash(pending.join(' ')) === item.name) pending = [];
         flush();
+        // A heading that says again what the line before it said keeps only its level, and is
+        // left out of an interactive snapshot.
+        let name = item.name;
+        if (item.role === 'heading' && name && name === lastText && !item.ref && !item.children.length) {
+          if (interactiveOnly) continue;
+          name = '';
+        }
         let line = pad + '- ' + item.role;
-        if (item.name) line += ' ' + JSON.stringify(item.name);
+        if (name) line += ' ' + JSON.stringify(name);
         for (const state of item.states) line += ' [' + state + ']';
         if (item.ref) line += ' [ref=' + item.ref + ']';
         lines.push(line);
