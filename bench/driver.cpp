@@ -241,8 +241,12 @@ void figureServer(Context& context) {
   std::printf("   %-38s %9.1f MiB\n", "nurel mcp peak RSS", double(mcpPeak) / 1024);
   for (auto& [name, script] : o.node) {
     Launch server{{which("node"), script}, {}, true, o.runner};
-    // Its default sends usage statistics over the network at start.
-    if (name == "chrome-devtools-mcp") server.argv.push_back("--no-usage-statistics");
+    // Its defaults send usage statistics over the network and start a process that asks the
+    // npm registry for a newer version.
+    if (name == "chrome-devtools-mcp") {
+      server.argv.push_back("--no-usage-statistics");
+      server.env.push_back("CHROME_DEVTOOLS_MCP_NO_UPDATE_CHECKS=1");
+    }
     Series times;
     std::vector<double> peaks;
     for (int i = 0; i < o.nodeRuns; ++i) {

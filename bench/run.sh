@@ -3,7 +3,9 @@
 # MCP servers (bench/package-lock.json), and prints the four figures.
 #
 #   bench/run.sh [nurel_bench options]     e.g. bench/run.sh --figures 3 --runs 3
-#   bench/run.sh --snapshots [runs]        snapshots of the saved pages, next to @playwright/mcp
+#   bench/run.sh --peers [runs] [figures]  the browser path next to @playwright/mcp and
+#                                          chrome-devtools-mcp on the same Chromium (peers.mjs)
+#   bench/run.sh --snapshots [runs]        only the snapshots of the saved pages (--peers, figure 5)
 #
 # NUREL_BENCH_BUILD names the build folder (default: build-bench at the top of the tree).
 set -eu
@@ -12,22 +14,28 @@ root=$(dirname "$bench")
 build=${NUREL_BENCH_BUILD:-$root/build-bench}
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DNUREL_BENCH=ON >/dev/null
-if [ "${1:-}" = --snapshots ]; then
-  # Snapshots of the saved pages next to @playwright/mcp's, on the same Chromium.
+
+# npm ci only when the installed tree is missing or older than the lock file.
+install_peers() {
+  if [ ! -f "$bench/node_modules/.package-lock.json" ] ||
+    [ "$bench/package-lock.json" -nt "$bench/node_modules/.package-lock.json" ]; then
+    (cd "$bench" && npm ci --no-audit --no-fund --ignore-scripts --loglevel=error >/dev/null)
+  fi
+}
+if [ "${1:-}" = --peers ] || [ "${1:-}" = --snapshots ]; then
+  # The whole browser path next to the Node.js servers, on the same Chromium.
   cmake --build "$build" -j 2 --target nurel nurel-browser >/dev/null
-  (cd "$bench" && npm ci --no-audit --no-fund --ignore-scripts --loglevel=error >/dev/null)
-  exec node "$bench/snapshots.mjs" "$build" "${2:-3}"
+  install_peers
+  figures=${3:-12345}
+  [ "$1" = --snapshots ] && figures=5
+  exec node "$bench/peers.mjs" "$build" "${2:-3}" "$figures"
 fi
 cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_floor_dynamic \
   nurel_bench_run nurel_bench_relay nurel_bench_json >/dev/null
 
 node_modules=$bench/node_modules
 if command -v node >/dev/null && command -v npm >/dev/null; then
-  # npm ci only when the installed tree is missing or older than the lock file.
-  if [ ! -f "$node_modules/.package-lock.json" ] ||
-    [ "$bench/package-lock.json" -nt "$node_modules/.package-lock.json" ]; then
-    (cd "$bench" && npm ci --no-audit --no-fund --ignore-scripts --loglevel=error >/dev/null)
-  fi
+  install_peers
   set -- --node "playwright-mcp=$node_modules/@playwright/mcp/cli.js" \
     --node "chrome-devtools-mcp=$node_modules/chrome-devtools-mcp/build/src/bin/chrome-devtools-mcp.js" \
     "$@"

@@ -151,6 +151,14 @@ bool Browser::running() {
   return current && current->cdp->alive();
 }
 
+void Browser::warmUp() {
+  try {
+    engine();
+  } catch (const std::exception&) {
+    // The first request starts it again and answers with the reason.
+  }
+}
+
 std::shared_ptr<Browser::Engine> Browser::engine() {
   std::lock_guard<std::mutex> guard(engineLock);
   if (current && current->cdp->alive()) return current;
@@ -190,7 +198,11 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
     // Tabs that pages open are told of, to become the agent's.
     fresh->cdp->call("Target.setDiscoverTargets", {{"discover", true}});
     // Downloads go under a name of Chromium's, and take theirs when whole (files.cpp).
-    makeFolders(downloadFolder);
+    try {
+      makeFolders(downloadFolder);
+    } catch (const Failure&) {
+      // Said by the first download, which can't be kept.
+    }
     fresh->cdp->call("Browser.setDownloadBehavior", {{"behavior", "allowAndName"},
                                                      {"downloadPath", downloadFolder},
                                                      {"eventsEnabled", true}});

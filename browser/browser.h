@@ -119,6 +119,9 @@ class Browser {
   /// True while a Chromium is running.
   bool running();
 
+  /// Starts Chromium ahead of the first request; a failure is left for that request to meet.
+  void warmUp();
+
   /// Closes Chromium (asking first, so that its profile is written, then killing what is
   /// left) before the process exits; other threads may still be calling handle().
   void shutdown();

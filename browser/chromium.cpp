@@ -178,7 +178,8 @@ bool PipeTransport::send(std::string_view message) {
 
 std::string PipeTransport::receive(const std::function<void(std::string_view)>& message) {
   Framing framing('\0', maxMessage);
-  std::string block(1 << 20, '\0');
+  // A pipe holds 64 KiB, so no read returns more: a larger block would only be resident.
+  std::string block(64 << 10, '\0');
   for (;;) {
     pollfd watch[2] = {{fromBrowser, POLLIN, 0}, {wake[0], POLLIN, 0}};
     if (poll(watch, wake[0] >= 0 ? 2 : 1, -1) < 0) {

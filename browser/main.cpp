@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include "browser/browser.h"
 #include "browser/server.h"
@@ -26,11 +27,12 @@ Info.plist of the bundle this program is in, else Nurel). The socket's folder is
 and the socket 0600; connections from other users are closed. A second nurel-browser for the
 same socket says so and exits.
 
-Chromium starts on the first request that needs it, with its profile (the Agent Space) in
-the data folder, ${XDG_DATA_HOME:-~/.local/share}/<data name>, and never outlives this
-program. The data folder also holds actions.jsonl, one line for each request that changed
-something (what, why, and how it went; no typed text or secrets), and scenarios/*.json, the
-steps that run does. Downloads go to XDG_DOWNLOAD_DIR (user-dirs.dirs), else ~/Downloads.
+Chromium starts with this program (again on the next request if it could not, or if it
+died), with its profile (the Agent Space) in the data folder,
+${XDG_DATA_HOME:-~/.local/share}/<data name>, and never outlives this program. The data
+folder also holds actions.jsonl, one line for each request that changed something (what,
+why, and how it went; no typed text or secrets), and scenarios/*.json, the steps that run
+does. Downloads go to XDG_DOWNLOAD_DIR (user-dirs.dirs), else ~/Downloads.
 
 Environment:
   NUREL_SOCKET         the socket to listen on
@@ -95,6 +97,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "nurel-browser: %s\n", error.what());
     return 1;
   }
+  // Chromium starts now, while the nurel that started us waits to connect, rather than on the
+  // first request; if it can't, that request tries again and says why.
+  std::thread([&agentBrowser] { agentBrowser.warmUp(); }).detach();
   server.run();
   // Connections may still be inside a request: close Chromium under them, take the socket
   // away, and leave without unwinding what they use.

@@ -122,6 +122,67 @@ TEST(Acting, InteractiveViewportDiffAndLimit) {
   EXPECT_EQ(mcp.finish(), 0);
 }
 
+// The snapshot without its refs, whose numbers depend on what the tab showed before.
+std::string withoutRefs(std::string snapshot) {
+  for (size_t at; (at = snapshot.find(" [ref=")) != std::string::npos;)
+    snapshot.erase(at, snapshot.find(']', at) - at + 1);
+  return snapshot;
+}
+
+const char* cardsPage = R"html(<title>Cards</title>
+<main><div style="cursor:pointer"><a href="/story"><img alt="Rain" width=20 height=20
+src="data:image/gif;base64,R0lGODlhAQABAAAAACw="><h3>Rain on Monday</h3></a><p>Cloudy all week</p></div>
+<h2><a href="/weather">Weather</a></h2>
+<aside></aside><ul></ul>
+<a href="https://example.org/path?q=1">Elsewhere</a>
+<a href="http://example.net/">Plain</a>
+<a href="/news">News today</a><h3>News today</h3>
+<div style="cursor:pointer">Pointer alone</div>
+<div style="cursor:pointer" onclick="this.remove()"><a href="/tag">Tag</a> Remove</div>
+</main>)html";
+
+TEST(Acting, ASnapshotSaysEachThingOnce) {
+  servePage("/cards", cardsPage);
+  std::string tab = shared().open(url("/cards"));
+  Outcome taken = shared().nurel({"snapshot", tab});
+  ASSERT_EQ(taken.status, 0) << taken.err;
+  // A card that only shows the pointer is dissolved around its link; the link's words are not
+  // said again by its image and heading; a heading that holds only a link of its words leaves
+  // them to the link, as does a heading that repeats the link before it; an empty landmark or
+  // list is left out; another site's https address is shown without https://. A card with a
+  // handler of its own keeps its ref.
+  EXPECT_EQ(withoutRefs(taken.out),
+            "- main\n"
+            "  - link \"Rain Rain on Monday\" [url=/story]\n"
+            "    - heading [level=3]\n"
+            "  - text: Cloudy all week\n"
+            "  - heading [level=2]\n"
+            "    - link \"Weather\" [url=/weather]\n"
+            "  - link \"Elsewhere\" [url=example.org/path?q=1]\n"
+            "  - link \"Plain\" [url=http://example.net/]\n"
+            "  - link \"News today\" [url=/news]\n"
+            "  - heading [level=3]\n"
+            "  - clickable \"Pointer alone\"\n"
+            "  - clickable\n"
+            "    - link \"Tag\" [url=/tag]\n"
+            "    - text: Remove\n");
+  // Interactive: the headings that place nothing more are left out.
+  EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab, "--interactive"}).out),
+            "- main\n"
+            "  - link \"Rain Rain on Monday\"\n"
+            "  - link \"Weather\"\n"
+            "  - link \"Elsewhere\"\n"
+            "  - link \"Plain\"\n"
+            "  - link \"News today\"\n"
+            "  - clickable \"Pointer alone\"\n"
+            "  - clickable\n"
+            "    - link \"Tag\"\n");
+  for (const char* line : {"link \"Rain Rain on Monday\"", "link \"Weather\"", "link \"Elsewhere\"",
+                           "link \"Plain\"", "clickable \"Pointer alone\"", "clickable [ref=", "link \"Tag\""})
+    EXPECT_NE(refOn(taken.out, line), "") << line << " in\n" << taken.out;
+  shared().nurel({"close", tab});
+}
+
 TEST(Acting, ARefNeverMovesToAnotherElement) {
   servePage("/list", R"html(<title>List</title><ul id=list><li><button>Alpha</button><li><button>Beta</button></ul>
 <button id=reverse onclick="list.append(...[...list.children].reverse())">Reverse</button>

@@ -118,6 +118,12 @@
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
     .map((found) => squash(found.textContent)).join(' ');
+  // The name an element is given rather than what it says: aria-labelledby, aria-label, title.
+  const ownLabel = (element) => {
+    const labelledBy = element.getAttribute('aria-labelledby');
+    return (labelledBy && byIds(labelledBy)) || squash(element.getAttribute('aria-label')) ||
+      squash(element.getAttribute('title'));
+  };
   const nameOf = (element, role) => {
     const labelledBy = element.getAttribute('aria-labelledby');
     if (labelledBy) {
@@ -179,6 +185,9 @@
     }
     return false;
   };
+  // Clickable only by its pointer cursor: no handler in its attributes, not focusable, not editable.
+  const pointerOnly = (element) => !element.hasAttribute('onclick') && !element.hasAttribute('onmousedown') &&
+    !(Number(element.getAttribute('tabindex') ?? -1) >= 0) && !element.isContentEditable;
   const onScreen = (element) => {
     const box = element.getBoundingClientRect();
     return box.bottom > 0 && box.right > 0 && box.top < innerHeight && box.left < innerWidth &&
@@ -217,7 +226,10 @@
           // Parameters that only say where a click came from, for the site's own counting.
           for (const key of [...target.searchParams.keys()])
             if (/^(utm_|source$|ref_src$|ref$|fbclid$|gclid$|mc_|_hs)/.test(key)) target.searchParams.delete(key);
+          // Another site's addresses without https://, which navigate puts back, as a browser's
+          // address bar shows them.
           shown = target.origin === location.origin ? target.pathname + target.search + target.hash
+            : target.protocol === 'https:' && !target.username ? target.href.slice('https://'.length)
             : target.href;
           if (shown !== href && !target.search && href.endsWith('?')) shown += '?';
         } catch (e) {
@@ -304,9 +316,15 @@
       if (role === 'none') role = '';
       const scriptOnly = element && !widgets.has(role) && clickable(element);
       if (scriptOnly && !role) role = 'clickable';
-      const actionable = element && (widgets.has(role) || scriptOnly || role === 'clickable');
+      let actionable = element && (widgets.has(role) || scriptOnly || role === 'clickable');
       const children = [];
       for (const child of childNodesOf(node)) build(child, children);
+      // A card: something that only shows the pointer, around a link it takes the click to. The
+      // link is what to click; the card is dissolved like any wrapper.
+      if (role === 'clickable' && pointerOnly(element) && holdsLink(children)) {
+        role = '';
+        actionable = false;
+      }
       if (!element) {
         out.push(...children);
         return;
@@ -315,7 +333,10 @@
         out.push(...children.filter((c) => !c.text));
         return;
       }
-      const name = role ? nameOf(element, role) : '';
+      let name = role ? nameOf(element, role) : '';
+      // Something clickable by script around links or buttons (a card) is named by its own
+      // label only: its content is said by what it holds, each with its own ref.
+      if (role === 'clickable' && holdsRefs(children)) name = ownLabel(element);
       let keep;
       if (actionable) keep = true;
       else if (!role) keep = false;
@@ -339,7 +360,7 @@
         }
         return;
       }
-      const item = { role, name: clip(name, interactiveOnly ? 80 : 150), states: statesOf(element, role), children };
+      const item = { role, name: clip(name, interactiveOnly ? 80 : 150), said: name, states: statesOf(element, role), children };
       if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') {
         item.ref = refOf(element);
         if (actionable) lastActionable.push(element);
@@ -347,15 +368,35 @@
       // A name taken from the content says all its text: the text is not repeated under it.
       if (name && (namedByContent.has(role) || role === 'clickable')) {
         item.children = children.filter((c) => !c.text || !name.includes(c.text));
+        // Nor by an image or a heading in it: the image goes, the heading keeps only its level.
+        item.children = item.children
+          .filter((c) => !(c.role === 'img' && !c.ref && !c.children.length && name.includes(c.said)))
+          .map((c) => (c.role === 'heading' && !c.ref && c.said && name.includes(c.said) ? { ...c, name: '' } : c))
+          .filter((c) => !(interactiveOnly && c.role === 'heading' && !c.name && !c.children.length));
       }
+      // What holds only one thing to act on, of the same name, leaves the name to it.
+      if (!actionable && name && item.children.length === 1 && item.children[0].ref &&
+          item.children[0].said === name) item.name = '';
       if (interactiveOnly && !actionable && !landmarks.has(role) && role !== 'heading' &&
           role !== 'dialog') {
         out.push(...item.children);
         return;
       }
       if (interactiveOnly && landmarks.has(role) && item.children.length === 0) return;
+      // A heading that left its words to the link it holds places nothing an interactive
+      // snapshot doesn't show: the link stands alone.
+      if (interactiveOnly && role === 'heading' && !item.name) {
+        out.push(...item.children);
+        return;
+      }
+      // A line with nothing in it to read or act on (an empty landmark, list or image) is left
+      // out; a separator, a frame and a dialog say something by being there.
+      if (!item.ref && !item.name && !item.children.length && item.states.every((s) => s.startsWith('level=')) &&
+          !['separator', 'iframe', 'dialog', 'alertdialog'].includes(role)) return;
       out.push(item);
     };
+    const holdsLink = (items) => items.some((item) => (item.ref && item.role === 'link') || (item.children && holdsLink(item.children)));
+    const holdsRefs = (items) => items.some((item) => item.ref || (item.children && holdsRefs(item.children)));
     const root = [];
     build(document.body || document.documentElement, root);
 
@@ -383,8 +424,15 @@
         // A label's text followed by the field it names is said once, as the field's name.
         if (pending.length && item.name && squash(pending.join(' ')) === item.name) pending = [];
         flush();
+        // A heading that says again what the line before it said keeps only its level, and is
+        // left out of an interactive snapshot.
+        let name = item.name;
+        if (item.role === 'heading' && name && name === lastText && !item.ref && !item.children.length) {
+          if (interactiveOnly) continue;
+          name = '';
+        }
         let line = pad + '- ' + item.role;
-        if (item.name) line += ' ' + JSON.stringify(item.name);
+        if (name) line += ' ' + JSON.stringify(name);
         for (const state of item.states) line += ' [' + state + ']';
         if (item.ref) line += ' [ref=' + item.ref + ']';
         lines.push(line);
