@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "browser/browser.h"
+#include "browser/scripts.h"
 
 namespace nurel::browser {
 
@@ -120,10 +121,11 @@ std::string difference(const std::string& before, const std::string& now) {
 
 }  // namespace
 
-void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used) {
+void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::string& frame,
+                         const std::string& frameLoader) {
   if (used <= 0) return;
   std::lock_guard<std::mutex> guard(tab->lock);
-  tab->refDocuments[tab->nextRef] = tab->loader;
+  tab->refDocuments[tab->nextRef] = {tab->loader, frame, frameLoader};
   tab->nextRef += used;
 }
 
@@ -137,7 +139,208 @@ std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::st
                        Library::page);
   recordRefs(tab, taken.value("used", 0));
   std::string text = taken.value("text", "");
+  if (int frames = taken.value("frames", 0); frames > 0)
+    text = withFrames(tab, tab->session, tab->targetId, text, frames, mode, 1);
   return text.empty() ? "the page is empty" : text;
+}
+
+namespace {
+
+// The frame `id` in a tree of Page.getFrameTree, or null.
+const Json* frameIn(const Json& tree, const std::string& id) {
+  if (!tree.is_object()) return nullptr;
+  auto frame = tree.find("frame");
+  if (frame != tree.end() && frame->is_object() && frame->value("id", "") == id) return &*frame;
+  auto children = tree.find("childFrames");
+  if (children == tree.end() || !children->is_array()) return nullptr;
+  for (const Json& child : *children)
+    if (const Json* found = frameIn(child, id)) return found;
+  return nullptr;
+}
+
+}  // namespace
+
+void Browser::inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
+                       const std::function<bool(const Json&)>& each) {
+  std::set<std::pair<std::string, std::string>> frames;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    frames = tab->readFrames;
+  }
+  for (auto& [session, frame] : frames) {
+    try {
+      Json value = inFrame(session, frame, expression);
+      if (each && !each(value)) return;
+    } catch (const CdpError&) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      tab->readFrames.erase({session, frame});
+    } catch (const Failure&) {
+    }
+  }
+}
+
+std::string Browser::frameSession(const std::shared_ptr<Tab>& tab, const std::string& frame) {
+  std::lock_guard<std::mutex> guard(tab->lock);
+  std::string at = frame;
+  // A frame of this process is in the session of the nearest frame above it that has one.
+  for (int depth = 0; depth < 32 && at != tab->targetId; ++depth) {
+    if (auto found = tab->frameSessions.find(at); found != tab->frameSessions.end())
+      return found->second;
+    auto parent = tab->frameParents.find(at);
+    if (parent == tab->frameParents.end()) break;
+    at = parent->second;
+  }
+  return tab->session;
+}
+
+int Browser::frameWorld(const std::string& session, const std::string& frame) {
+  // Chromium keeps one world of a name in each document: asking again finds the same.
+  Json made = call("Page.createIsolatedWorld", {{"frameId", frame}, {"worldName", worldName}}, session);
+  int context = made.value("executionContextId", 0);
+  Json there = call("Runtime.evaluate",
+                    {{"expression", "typeof __nurel === 'object'"}, {"contextId", context},
+                     {"returnByValue", true}},
+                    session);
+  if (!there["result"].value("value", false))
+    call("Runtime.evaluate", {{"expression", std::string(scripts::page)}, {"contextId", context}},
+         session);
+  return context;
+}
+
+Json Browser::inFrame(const std::string& session, const std::string& frame,
+                      const std::string& expression) {
+  auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  Json answer = call("Runtime.evaluate",
+                     {{"expression", expression},
+                      {"contextId", frameWorld(session, frame)},
+                      {"returnByValue", true},
+                      {"awaitPromise", true},
+                      {"timeout", timeout.count()}},
+                     session, timeout + 5s);
+  if (auto details = answer.find("exceptionDetails"); details != answer.end())
+    throw Failure("couldn't read the page: " +
+                  (*details).value("text", std::string("an exception")));
+  return answer["result"].value("value", Json());
+}
+
+void Browser::attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session) {
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (!tab->attaching.insert(session).second) return;
+  }
+  // Chromium answers after telling of the frames already there.
+  call("Target.setAutoAttach",
+       {{"autoAttach", true}, {"waitForDebuggerOnStart", false}, {"flatten", true},
+        {"filter", Json::array({{{"type", "iframe"}}})}},
+       session);
+}
+
+std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
+                                const std::string& frame, const std::string& text, int count,
+                                const std::string& mode, int depth) {
+  std::vector<std::string> inner(size_t(std::min(count, 200)));
+  int context = frameWorld(session, frame);
+  for (size_t i = 0; i < inner.size(); ++i) {
+    try {
+      Json owner = call("Runtime.evaluate",
+                        {{"expression", "__nurel.frameOwner(" + std::to_string(i) + ")"},
+                         {"contextId", context}, {"objectGroup", "nurel-frames"}},
+                        session);
+      std::string object = owner["result"].value("objectId", "");
+      if (object.empty()) continue;
+      std::string child = call("DOM.describeNode", {{"objectId", object}}, session)["node"]
+                              .value("frameId", "");
+      if (child.empty()) continue;
+      std::string childSession = frameSession(tab, child);
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        tab->frameParents[child] = frame;
+        if (tab->frameSessions.count(child) == 0) childSession = session;
+      }
+      // A frame whose address didn't load shows Chromium's error page: not the page's.
+      Json tree = call("Page.getFrameTree", Json::object(), childSession);
+      const Json* found = frameIn(tree["frameTree"], child);
+      if (!found || found->contains("unreachableUrl") ||
+          found->value("url", "").rfind("chrome-error:", 0) == 0)
+        continue;
+      std::string loader = found->value("loaderId", "");
+      if (childSession != session) attachFrames(tab, childSession);
+      int base;
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        base = tab->nextRef;
+        tab->readFrames.emplace(childSession, child);
+      }
+      Json taken = inFrame(childSession, child,
+                           "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")");
+      recordRefs(tab, taken.value("used", 0), child, loader);
+      std::string said = taken.value("text", "");
+      if (int frames = taken.value("frames", 0); frames > 0 && depth < 8)
+        said = withFrames(tab, childSession, child, said, frames, mode, depth + 1);
+      inner[i] = said;
+    } catch (const CdpError&) {
+      // The frame went, or has no document yet: it shows nothing.
+    } catch (const NoAnswer&) {
+      // A frame whose page is busy: the rest of the page is still worth having.
+    } catch (const Failure&) {
+    }
+  }
+  try {
+    call("Runtime.releaseObjectGroup", {{"objectGroup", "nurel-frames"}}, session);
+  } catch (const CdpError&) {
+  }
+  // Each frame's lines go in place of its mark, indented as deep as the mark.
+  std::string out;
+  std::stringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    size_t start = line.find_first_not_of(' ');
+    if (start == std::string::npos || line[start] != '\x01') {
+      out += line + "\n";
+      continue;
+    }
+    size_t index = size_t(std::atoi(line.c_str() + start + 1));
+    if (index >= inner.size()) continue;
+    std::stringstream said(inner[index]);
+    for (std::string part; std::getline(said, part);) out += line.substr(0, start) + part + "\n";
+  }
+  if (!out.empty()) out.pop_back();
+  return out;
+}
+
+std::pair<double, double> Browser::toTop(const std::shared_ptr<Tab>& tab, const std::string& frame,
+                                         double x, double y, const std::string& label) {
+  std::string inner = frame;
+  for (int depth = 0; depth < 32 && inner != tab->targetId; ++depth) {
+    std::string outer;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      auto parent = tab->frameParents.find(inner);
+      if (parent == tab->frameParents.end()) break;
+      outer = parent->second;
+    }
+    std::string session = frameSession(tab, outer);
+    int context = frameWorld(session, outer);
+    Json owner = call("DOM.getFrameOwner", {{"frameId", inner}}, session);
+    Json object = call("DOM.resolveNode",
+                       {{"backendNodeId", owner.value("backendNodeId", 0)},
+                        {"executionContextId", context}, {"objectGroup", "nurel-frames"}},
+                       session);
+    Json at = call("Runtime.callFunctionOn",
+                   {{"functionDeclaration", "function (x, y) { return __nurel.inFrame(this, x, y); }"},
+                    {"objectId", object["object"].value("objectId", "")},
+                    {"arguments", Json::array({{{"value", x}}, {{"value", y}}})},
+                    {"returnByValue", true}},
+                   session);
+    call("Runtime.releaseObjectGroup", {{"objectGroup", "nurel-frames"}}, session);
+    const Json& point = at["result"]["value"];
+    if (!point.is_object()) throw Failure(label + " is no longer on the page");
+    if (point.contains("covered") && !label.empty())
+      throw Failure(label + " is covered by " + point.value("covered", "something"));
+    x = point.value("x", 0.0);
+    y = point.value("y", 0.0);
+    inner = outer;
+  }
+  return {x, y};
 }
 
 Json Browser::snapshot(const Json& params) {
@@ -173,30 +376,62 @@ Json Browser::snapshot(const Json& params) {
 }
 
 int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {
+  return refPlace(tab, ref).number;
+}
+
+Browser::RefPlace Browser::refPlace(const std::shared_ptr<Tab>& tab, const std::string& ref) {
   if (ref.size() < 2 || ref[0] != 'e' || ref.size() > 10 ||
       !std::all_of(ref.begin() + 1, ref.end(), ::isdigit))
     throw Failure(quote(ref) + " isn't a ref: refs look like e12 and come from a snapshot");
-  int number = std::stoi(ref.substr(1));
-  std::lock_guard<std::mutex> guard(tab->lock);
-  auto run = tab->refDocuments.upper_bound(number);
-  if (number < 1 || number >= tab->nextRef || run == tab->refDocuments.begin())
-    throw Failure("there is no ref " + ref + " in " + tab->id + ": take a snapshot for refs");
-  --run;
-  if (run->second != tab->loader)
+  RefPlace place;
+  place.ref = ref;
+  place.number = std::stoi(ref.substr(1));
+  std::string frameLoader;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    auto run = tab->refDocuments.upper_bound(place.number);
+    if (place.number < 1 || place.number >= tab->nextRef || run == tab->refDocuments.begin())
+      throw Failure("there is no ref " + ref + " in " + tab->id + ": take a snapshot for refs");
+    --run;
+    if (run->second.loader != tab->loader)
+      throw Failure("ref " + ref + " is from an earlier page: take a new snapshot");
+    place.frame = run->second.frame;
+    frameLoader = run->second.frameLoader;
+  }
+  if (place.frame.empty()) return place;
+  // The frame's own document must be the one the ref was given in.
+  place.session = frameSession(tab, place.frame);
+  Json tree = call("Page.getFrameTree", Json::object(), place.session);
+  const Json* found = frameIn(tree["frameTree"], place.frame);
+  if (!found) throw Failure("ref " + ref + " is no longer on the page");
+  if (found->value("loaderId", "") != frameLoader)
     throw Failure("ref " + ref + " is from an earlier page: take a new snapshot");
-  return number;
+  return place;
+}
+
+Json Browser::inPlace(const std::shared_ptr<Tab>& tab, const RefPlace& place,
+                      const std::string& expression) {
+  if (place.frame.empty()) return inWorld(tab, expression, Library::page);
+  try {
+    return inFrame(place.session, place.frame, expression);
+  } catch (const CdpError&) {
+    // The frame went between the two.
+    throw Failure("ref " + place.ref + " is no longer on the page");
+  }
 }
 
 std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
                                             std::string& label, bool enabled) {
-  int number = refNumber(tab, ref);
-  Json target = inWorld(tab, "__nurel.target(" + std::to_string(number) + ")", Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json target = inPlace(tab, place, "__nurel.target(" + std::to_string(place.number) + ")");
   if (target.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   label = target.value("label", ref);
   if (target.value("hidden", false)) throw Failure(label + " isn't visible");
   if (enabled && target.value("disabled", false)) throw Failure(label + " is disabled");
   if (target.contains("covered"))
     throw Failure(label + " is covered by " + target.value("covered", "something"));
+  if (!place.frame.empty())
+    return toTop(tab, place.frame, target.value("x", 0.0), target.value("y", 0.0), label);
   return {target.value("x", 0.0), target.value("y", 0.0)};
 }
 
@@ -222,6 +457,7 @@ std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, cons
 
 Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
   inWorld(tab, "__nurel.watch()", Library::page);
+  inFrames(tab, "__nurel.watch()");
   Before before;
   std::lock_guard<std::mutex> guard(tab->lock);
   before.started = tab->startedLoading;
@@ -305,6 +541,12 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
   }
   if (!opened.empty()) return answer;
   Json changes = inWorld(tab, "__nurel.changes()", Library::page);
+  // Frames of other origins change apart from the page.
+  if (!(changes.is_number() && changes.get<int>() > 0))
+    inFrames(tab, "__nurel.changes()", [&](const Json& value) {
+      changes = value;
+      return !(value.is_number() && value.get<int>() > 0);
+    });
   bool same;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
@@ -366,9 +608,9 @@ Json Browser::type(const Json& params) {
     mouse(tab, "mouseMoved", x, y);
     mouse(tab, "mousePressed", x, y, "left", 1, 1);
     mouse(tab, "mouseReleased", x, y, "left", 1, 0);
-    Json focused = inWorld(tab, "__nurel.focusForTyping(" + std::to_string(refNumber(tab, ref)) +
-                                    ", " + (flagParam(params, "replace") ? "true" : "false") + ")",
-                           Library::page);
+    RefPlace place = refPlace(tab, ref);
+    Json focused = inPlace(tab, place, "__nurel.focusForTyping(" + std::to_string(place.number) +
+                                           ", " + (flagParam(params, "replace") ? "true" : "false") + ")");
     if (focused.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   }
   Before before = watch(tab);
@@ -398,9 +640,9 @@ Json Browser::choose(const Json& params) {
   std::string label;
   targetOf(tab, ref, label);
   Before before = watch(tab);
-  Json chosen = inWorld(tab, "__nurel.choose(" + std::to_string(refNumber(tab, ref)) + ", " +
-                                 quote(stringParam(params, "option")) + ")",
-                        Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json chosen = inPlace(tab, place, "__nurel.choose(" + std::to_string(place.number) + ", " +
+                                        quote(stringParam(params, "option")) + ")");
   if (chosen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   if (chosen.contains("error")) throw Failure(chosen.value("error", ""));
   return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label);
@@ -501,10 +743,9 @@ Json Browser::find(const Json& params) {
 Json Browser::inspect(const Json& params) {
   auto tab = tabFor(params);
   std::string ref = stringParam(params, "ref");
-  int number = refNumber(tab, ref);
-  Json seen = inWorld(tab, "__nurel.inspect(" + std::to_string(number) + ", " +
-                               quote(stringParam(params, "styles")) + ")",
-                      Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json seen = inPlace(tab, place, "__nurel.inspect(" + std::to_string(place.number) + ", " +
+                                      quote(stringParam(params, "styles")) + ")");
   if (seen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   return seen["element"];
 }

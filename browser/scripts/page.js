@@ -254,9 +254,12 @@
   let lastActionable = [];
   // Interactive snapshots leave out links' addresses: what to act on, not where it leads.
   let terse = false;
+  // The iframes of the last snapshot whose documents this world cannot read, by number.
+  let frameOwners = [];
   const snapshot = (mode, base) => {
     refs = { base, used: 0 };
     lastActionable = [];
+    frameOwners = [];
     terse = mode === 'interactive';
     // Builds the tree: {role, name, states, ref, children, text}.
     const interactiveOnly = mode === 'interactive';
@@ -270,15 +273,21 @@
       if ((node.localName === 'iframe' || node.localName === 'frame')) {
         try {
           const inner = node.contentDocument;
-          if (inner && inner.body) return [inner.body];
+          if (inner) return inner.body ? [inner.body] : [];
         } catch (e) {
           // Another origin's document: not ours to read from here.
         }
-        return [];
+        // Another origin's document (in this process or another): its own world reads it, and
+        // the back end puts what it says here.
+        return [{ frameOwner: node }];
       }
       return Array.from(node.childNodes);
     };
     const build = (node, out) => {
+      if (node.frameOwner) {
+        if (!viewportOnly || onScreen(node.frameOwner)) out.push({ frame: frameOwners.push(node.frameOwner) - 1 });
+        return;
+      }
       if (node.nodeType === Node.TEXT_NODE) {
         const text = squash(node.data);
         if (text && !interactiveOnly) out.push({ text });
@@ -373,6 +382,14 @@
         pending = [];
       };
       for (const item of items) {
+        if (item.frame !== undefined) {
+          // Where the frame's own snapshot goes: a line of its own, which no other line starts
+          // with (names are quoted, texts follow "- text:").
+          flush();
+          lines.push(pad + '\u0001' + item.frame);
+          lastText = '';
+          continue;
+        }
         if (item.text !== undefined) {
           // A paragraph's text is a line of its own; inline pieces join the text around them.
           if (item.block) flush();
@@ -394,7 +411,7 @@
       flush();
     };
     write(root, 0);
-    return { text: lines.join('\n'), used: refs.used };
+    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length };
   };
 
   // One line for an element, as the snapshot would show it: role "name" [ref=eN].
@@ -414,6 +431,23 @@
     for (let node = inner; node; node = node.parentNode || node.host) if (node === outer) return true;
     return false;
   };
+  // What lies over `found` where the pointer would hit `hit`, as a label; '' when nothing does.
+  const coveredBy = (found, hit) => {
+    const labelFor = hit && hit.closest && hit.closest('label');
+    if (!hit || within(found, hit) || (labelFor && labelFor.control === found)) return '';
+    // Named by the largest thing with a role that lies over it (a dialog rather than its
+    // close button), else by the nearest.
+    let nearest = null;
+    let largest = null;
+    for (let over = hit; over && over !== document.body && over !== document.documentElement &&
+         !within(over, found); over = over.parentElement) {
+      if (roleOf(over) || clickable(over)) {
+        if (!nearest) nearest = over;
+        largest = over;
+      }
+    }
+    return label(largest || nearest || hit);
+  };
   // Where to act on an element: scrolled into view, its centre in the top page's CSS px, and
   // what would take the pointer there instead of it.
   const target = (number) => {
@@ -432,25 +466,45 @@
       if (!inner || inner === hit) break;
       hit = inner;
     }
-    const labelFor = hit && hit.closest && hit.closest('label');
-    if (hit && !within(found, hit) && !(labelFor && labelFor.control === found)) {
-      // Named by the largest thing with a role that lies over it (a dialog rather than its
-      // close button), else by the nearest.
-      let nearest = null;
-      let largest = null;
-      for (let over = hit; over && over !== document.body && over !== document.documentElement &&
-           !within(over, found); over = over.parentElement) {
-        if (roleOf(over) || clickable(over)) {
-          if (!nearest) nearest = over;
-          largest = over;
-        }
-      }
-      result.covered = label(largest || nearest || hit);
-    }
+    const over = coveredBy(found, hit);
+    if (over) result.covered = over;
     // Input goes to the top page: the centre through the frames around the element.
     const inTop = boxInTop(found);
     return { ...result, x: inTop.left + inTop.width / 2, y: inTop.top + inTop.height / 2 };
   };
+  // A point of a frame's viewport (x, y), where `owner` is the frame's element in this document,
+  // as a point of the top page's viewport through this world's frames: the frame's content box
+  // lies inside its border and padding. When the point is off screen the page scrolls to it; what
+  // of this document lies over it is `covered`.
+  const inFrame = (owner, x, y) => {
+    const view = owner.ownerDocument.defaultView;
+    const inside = () => {
+      const box = owner.getBoundingClientRect();
+      const style = view.getComputedStyle(owner);
+      return { box, left: owner.clientLeft + parseFloat(style.paddingLeft || '0'),
+        top: owner.clientTop + parseFloat(style.paddingTop || '0') };
+    };
+    let at = inside();
+    let px = at.box.left + at.left + x, py = at.box.top + at.top + y;
+    if (px < 0 || py < 0 || px >= view.innerWidth || py >= view.innerHeight) {
+      view.scrollBy({ left: px - view.innerWidth / 2, top: py - view.innerHeight / 2, behavior: 'instant' });
+      at = inside();
+      px = at.box.left + at.left + x;
+      py = at.box.top + at.top + y;
+    }
+    const result = {};
+    let hit = owner.ownerDocument.elementFromPoint(px, py);
+    while (hit && hit.shadowRoot) {
+      const inner = hit.shadowRoot.elementFromPoint(px, py);
+      if (!inner || inner === hit) break;
+      hit = inner;
+    }
+    const over = coveredBy(owner, hit);
+    if (over) result.covered = over;
+    const inTop = boxInTop(owner);
+    return { ...result, x: inTop.left + at.left + x, y: inTop.top + at.top + y };
+  };
+  const frameOwner = (index) => frameOwners[index] || null;
   // Puts the caret in a field for typing: at the end, or over all of it to type it anew.
   const focusForTyping = (number, replace) => {
     const found = element(number);
@@ -629,5 +683,5 @@
   };
 
   globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
-    scrolled, label, element, drawLabels, removeLabels, pictureBox };
+    scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame };
 })()
