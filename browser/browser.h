@@ -190,6 +190,13 @@ class Browser {
                 const std::function<bool(const Json&)>& each = {});
   int frameWorld(const std::string& session, const std::string& frame);
   Json inFrame(const std::string& session, const std::string& frame, const std::string& expression);
+  // Hands the closed shadow roots of the elements page.js named in `frame`'s document to its
+  // world; true when there were any.
+  bool askClosedRoots(const std::string& session, const std::string& frame);
+  // page.js's snapshot of `frame`'s document (the main frame's, or another origin's in its own
+  // world), closed shadow roots and all, its refs recorded as that document's.
+  Json snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
+                  const std::string& frame, const std::string& frameLoader, const std::string& mode);
   // Attaches to the frames of other processes in `session`'s, once.
   void attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session);
   // `text`, a snapshot of `frame`, with those of the `count` frames it couldn't read put where

@@ -273,6 +273,53 @@ TEST(Acting, FramesOfOtherOriginsAndProcessesAreSplicedInAndActedIn) {
             "ref " + nearButton + " is no longer on the page\n");
 }
 
+// Closed shadow roots, which the page's own elements don't give: walked all the same, roots
+// within roots, and what is in them acted on.
+TEST(Acting, ClosedShadowRootsAreWalkedAndActedIn) {
+  servePage("/closed-guest", R"html(<div id=host></div><script>
+host.attachShadow({mode: 'closed'}).innerHTML = '<button onclick="this.textContent = \'Done\'">In a frame</button>';
+</script>)html");
+  servePage("/closed", R"html(<title>Closed</title><div id=host></div><fancy-card></fancy-card>
+<iframe src=")html" + otherSite("/closed-guest") + R"html("></iframe><p id=said></p><script>
+host.attachShadow({mode: 'closed'}).innerHTML =
+  '<button onclick="document.getElementById(\'said\').textContent = \'pressed\'">Deep inside</button>';
+customElements.define('inner-part', class extends HTMLElement {
+  constructor() { super(); this.attachShadow({mode: 'closed'}).innerHTML = '<a href="/second">Nested link</a>'; }
+});
+customElements.define('fancy-card', class extends HTMLElement {
+  constructor() { super(); this.attachShadow({mode: 'closed'}).innerHTML = '<p>Card text</p><inner-part></inner-part>'; }
+});
+</script>)html");
+  std::string tab = shared().open(url("/closed"));
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [host.shadowRoot, document.querySelector('fancy-card').shadowRoot]"}).out,
+            "[\n  null,\n  null\n]\n");
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string button = refOn(s, "button \"Deep inside\"");
+  std::string link = refOn(s, "link \"Nested link\"");
+  ASSERT_NE(button, "") << s;
+  ASSERT_NE(link, "") << s;
+  EXPECT_LT(s.find("Card text"), s.find("Nested link")) << s;
+  EXPECT_EQ(shared().nurel({"click", tab, button}).out,
+            "clicked button \"Deep inside\" [ref=" + button + "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "pressed\n");
+  // In a frame of another process too.
+  std::string framed = refOn(s, "button \"In a frame\"");
+  ASSERT_NE(framed, "") << s;
+  EXPECT_EQ(shared().nurel({"click", tab, framed}).status, 0);
+  EXPECT_EQ(refOn(shared().nurel({"snapshot", tab}).out, "button \"Done\""), framed);
+  EXPECT_EQ(shared().nurel({"find", tab, "Nested"}).out,
+            "- link \"Nested link\" [url=/second] [ref=" + link + "]\n");
+
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"click","arguments":{"tab":")" +
+           tab + R"(","ref":")" + link + R"("}}})");
+  auto clicked = mcp.next();
+  ASSERT_TRUE(clicked);
+  EXPECT_EQ(parseDocument(*clicked)["result"]["content"][0]["text"],
+            "clicked link \"Nested link\" [ref=" + link + "]; the page went to " + url("/second") + " \"Second\"");
+  EXPECT_EQ(mcp.finish(), 0);
+}
+
 TEST(Acting, DialogsAreAnsweredBothWaysAndNeverHang) {
   servePage("/dialogs", R"html(<title>Dialogs</title><p id=said></p>
 <button onclick="said.textContent = 'alerted'; alert('Heads up')">Alert</button>

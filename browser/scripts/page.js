@@ -23,6 +23,50 @@
     return number === undefined ? '' : 'e' + number;
   };
 
+  // Shadow roots: open ones the elements give; closed ones the back end finds through DevTools
+  // and hands over (keepClosedRoot), for the elements closedRootHosts names.
+  const closedRoots = new WeakMap();
+  const shadowOf = (node) => node.shadowRoot || closedRoots.get(node) || null;
+  // Elements that can hold a shadow root, besides custom elements (those with a "-").
+  const hostTags = new Set(['article', 'aside', 'blockquote', 'body', 'div', 'footer', 'h1', 'h2',
+    'h3', 'h4', 'h5', 'h6', 'header', 'main', 'nav', 'p', 'section', 'span']);
+  // The elements not asked about before that may hold a closed root, from the last snapshot or
+  // closedRootHosts(): custom elements that show, and the others that can hold one and show
+  // something with no children of their own.
+  const askedHosts = new WeakSet();
+  let hostsToAsk = [];
+  const mayHoldClosedRoot = (element) => {
+    if (askedHosts.has(element) || hostsToAsk.length >= 500 || element.shadowRoot) return false;
+    const name = element.localName;
+    if (!name.includes('-')) {
+      if (!hostTags.has(name)) return false;
+      for (let child = element.firstChild; child; child = child.nextSibling)
+        if (child.nodeType === Node.ELEMENT_NODE || child.nodeType === Node.TEXT_NODE && child.data.trim()) return false;
+    }
+    const box = element.getBoundingClientRect();
+    if (box.width <= 0 || box.height <= 0) return false;
+    askedHosts.add(element);
+    hostsToAsk.push(element);
+    return true;
+  };
+  // Walks the page for them (a snapshot finds them as it goes); their number.
+  const closedRootHosts = () => {
+    hostsToAsk = [];
+    const visit = (root) => {
+      for (const element of root.querySelectorAll('*')) {
+        const inner = shadowOf(element);
+        if (inner) visit(inner);
+        else mayHoldClosedRoot(element);
+      }
+    };
+    visit(document);
+    return hostsToAsk.length;
+  };
+  const keepClosedRoot = (root) => {
+    closedRoots.set(root.host, root);
+    return true;
+  };
+
   const squash = (text) => (text || '').replace(/\s+/g, ' ').trim();
   const clip = (text, most) => text.length > most ? text.slice(0, most - 1) + '…' : text;
   const landmarks = new Set(['banner', 'navigation', 'main', 'complementary', 'contentinfo',
@@ -113,7 +157,7 @@
         else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child) + ' ';
       }
     }
-    if (node.shadowRoot) out += ' ' + textOf(node.shadowRoot);
+    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node));
     return out;
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
@@ -260,12 +304,13 @@
     refs = { base, used: 0 };
     lastActionable = [];
     frameOwners = [];
+    hostsToAsk = [];
     terse = mode === 'interactive';
     // Builds the tree: {role, name, states, ref, children, text}.
     const interactiveOnly = mode === 'interactive';
     const viewportOnly = mode === 'viewport';
     const childNodesOf = (node) => {
-      if (node.shadowRoot) return Array.from(node.shadowRoot.childNodes);
+      if (shadowOf(node)) return Array.from(shadowOf(node).childNodes);
       if (node.localName === 'slot') {
         const assigned = node.assignedNodes({ flatten: true });
         if (assigned.length) return assigned;
@@ -298,6 +343,7 @@
         const tag = node.localName;
         if (['script', 'style', 'noscript', 'template', 'head', 'meta', 'link', 'title'].includes(tag)) return;
         if (!shown(node)) return;
+        if (!closedRoots.has(node)) mayHoldClosedRoot(node);
         if (tag === 'select') {
           // A closed dropdown: its options are what can be chosen.
           const role = roleOf(node);
@@ -411,7 +457,7 @@
       flush();
     };
     write(root, 0);
-    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length };
+    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length, hosts: hostsToAsk.length };
   };
 
   // One line for an element, as the snapshot would show it: role "name" [ref=eN].
@@ -461,8 +507,8 @@
     const x = box.left + box.width / 2;
     const y = box.top + box.height / 2;
     let hit = found.ownerDocument.elementFromPoint(x, y);
-    while (hit && hit.shadowRoot) {
-      const inner = hit.shadowRoot.elementFromPoint(x, y);
+    while (hit && shadowOf(hit)) {
+      const inner = shadowOf(hit).elementFromPoint(x, y);
       if (!inner || inner === hit) break;
       hit = inner;
     }
@@ -494,8 +540,8 @@
     }
     const result = {};
     let hit = owner.ownerDocument.elementFromPoint(px, py);
-    while (hit && hit.shadowRoot) {
-      const inner = hit.shadowRoot.elementFromPoint(px, py);
+    while (hit && shadowOf(hit)) {
+      const inner = shadowOf(hit).elementFromPoint(px, py);
       if (!inner || inner === hit) break;
       hit = inner;
     }
@@ -561,7 +607,7 @@
     const matches = [];
     const visit = (root) => {
       for (const candidate of root.querySelectorAll('*')) {
-        if (candidate.shadowRoot) visit(candidate.shadowRoot);
+        if (shadowOf(candidate)) visit(shadowOf(candidate));
         const role = roleOf(candidate);
         const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
           ' ' + (candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ? candidate.textContent : '');
@@ -683,5 +729,6 @@
   };
 
   globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
-    scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame };
+    scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
+    closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot };
 })()
