@@ -653,12 +653,54 @@ Json Browser::drag(const Json& params) {
   std::string from, to;
   auto [x0, y0] = pointOf(tab, params, "ref", "from_x", "from_y", from);
   Before before = watch(tab);
+  // What the browser drags itself (draggable elements, links, pictures) is caught as it starts
+  // and carried on with drag events, as the browser would; the rest gets the pointer's events.
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    tab->dragged.reset();
+  }
+  call("Input.setInterceptDrags", {{"enabled", true}}, tab->session);
+  struct Intercepting {
+    Browser* browser;
+    const std::shared_ptr<Tab>& tab;
+    ~Intercepting() {
+      try {
+        browser->call("Input.setInterceptDrags", {{"enabled", false}}, tab->session);
+      } catch (const std::exception&) {
+      }
+    }
+  } intercepting{this, tab};
+  auto dragged = [&] {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    return tab->dragged;
+  };
   mouse(tab, "mouseMoved", x0, y0);
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
   auto [x1, y1] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
-  for (int step = 1; step <= 10; ++step)
-    mouse(tab, "mouseMoved", x0 + (x1 - x0) * step / 10, y0 + (y1 - y0) * step / 10, "left", 0, 1);
+  auto x = [&](int step) { return x0 + (x1 - x0) * step / 10; };
+  auto y = [&](int step) { return y0 + (y1 - y0) * step / 10; };
+  std::optional<Json> data;
+  int step = 1;
+  for (; step <= 10 && !(data = dragged()); ++step)
+    mouse(tab, "mouseMoved", x(step), y(step), "left", 0, 1);
+  if (!data) {
+    // The browser says so a moment after the move that began it.
+    std::unique_lock<std::mutex> guard(tab->lock);
+    tab->changed.wait_for(guard, 50ms, [&] { return tab->dragged || tab->dialog || tab->gone; });
+    data = tab->dragged;
+  }
+  if (data) {
+    // Into the page where it began, over it on the way, and dropped at the target.
+    auto event = [&](const char* type, int at) {
+      input(tab, "Input.dispatchDragEvent",
+            {{"type", type}, {"x", x(at)}, {"y", y(at)}, {"data", *data}});
+    };
+    event("dragEnter", step - 1);
+    for (; step <= 10; ++step) event("dragOver", step);
+    event("dragOver", 10);
+    event("drop", 10);
+  }
   mouse(tab, "mouseReleased", x1, y1, "left", 1, 0);
   return outcome(tab, before, "dragged " + from + " to " + to);
 }

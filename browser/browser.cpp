@@ -322,6 +322,8 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
   } else if (method == "Page.javascriptDialogOpening") {
     tab->dialog = params;
+  } else if (method == "Input.dragIntercepted") {
+    tab->dragged = params.value("data", Json::object());
   } else if (method == "Page.javascriptDialogClosed") {
     tab->dialog.reset();
   } else if (method == "Page.loadEventFired") {

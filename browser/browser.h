@@ -64,6 +64,7 @@ struct Tab {
   uint64_t startedLoading = 0;        // loads the main frame has started
   std::vector<std::string> opened;    // targets the page opened, not yet made tabs
   std::optional<Json> dialog;         // the JavaScript dialog showing, if any
+  std::optional<Json> dragged;        // what the browser began to drag, caught for a drag
 
   // Refs: numbers go up across the tab's documents; each run of them belongs to one document:
   // the main frame's, or that of a frame whose document the main frame's world can't read

@@ -394,6 +394,59 @@ document.addEventListener('pointerup', (e) => {
   EXPECT_EQ(shared().nurel({"key", tab, "home"}).status, 0);
 }
 
+// Drag and drop of the browser's own (draggable elements, dragstart, dragover, drop): a sortable
+// list and a drop zone, where pointer events alone would move nothing.
+TEST(Acting, TheBrowsersOwnDragAndDropSortsAListAndFillsADropZone) {
+  servePage("/dnd", R"html(<title>Drag and drop</title><style>li{height:40px;border:1px solid}</style>
+<ul id=list><li draggable=true>Apple</li><li draggable=true>Banana</li><li draggable=true>Cherry</li></ul>
+<div id=zone style="height:60px;border:2px dashed">Drop here</div><p id=order></p><p id=ended></p>
+<script>
+let held = null;
+list.addEventListener('dragstart', (e) => {
+  held = e.target;
+  e.dataTransfer.setData('text/plain', e.target.textContent);
+  e.dataTransfer.effectAllowed = 'move';
+});
+list.addEventListener('dragover', (e) => e.preventDefault());
+list.addEventListener('drop', (e) => {
+  e.preventDefault();
+  const over = e.target.closest('li');
+  if (held && over && over !== held) over.after(held);
+  order.textContent = [...list.children].map((li) => li.textContent).join(',');
+});
+zone.addEventListener('dragover', (e) => e.preventDefault());
+zone.addEventListener('drop', (e) => {
+  e.preventDefault();
+  zone.textContent = 'Dropped ' + e.dataTransfer.getData('text/plain');
+});
+document.addEventListener('dragend', () => { ended.textContent = 'ended'; });
+</script>)html");
+  std::string tab = shared().open(url("/dnd"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string apple = refOn(s, "\"Apple\"");
+  std::string cherry = refOn(s, "\"Cherry\"");
+  ASSERT_NE(apple, "") << s;
+  ASSERT_NE(cherry, "") << s;
+  EXPECT_EQ(shared().nurel({"drag", tab, apple, cherry}).out,
+            "dragged listitem \"Apple\" [ref=" + apple + "] to listitem \"Cherry\" [ref=" + cherry +
+                "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return order.textContent"}).out, "Banana,Cherry,Apple\n");
+
+  // By MCP, from a ref to a point: the middle of the drop zone.
+  Json box = parseDocument(shared().nurel({"eval", tab, "const b = zone.getBoundingClientRect(); "
+                                                        "return {x: b.x + b.width / 2, y: b.y + b.height / 2}"}).out);
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"drag","arguments":{"tab":")" +
+           tab + R"(","ref":")" + refOn(s, "\"Banana\"") + R"(","to_x":)" + std::to_string(box["x"].get<double>()) +
+           R"(,"to_y":)" + std::to_string(box["y"].get<double>()) + "}}}");
+  auto dropped = mcp.next();
+  ASSERT_TRUE(dropped);
+  EXPECT_EQ(parseDocument(*dropped)["result"].value("isError", false), false) << *dropped;
+  EXPECT_EQ(mcp.finish(), 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [zone.textContent, ended.textContent]"}).out,
+            "[\n  \"Dropped Banana\",\n  \"ended\"\n]\n");
+}
+
 TEST(Acting, APageThatMovesItselfOnTheWheelStillGetsTheWheel) {
   servePage("/wheel", R"html(<title>Wheel</title><body style="overflow:hidden;margin:0"><p id=moved>0</p>
 <script>addEventListener('wheel', (e) => { moved.textContent = Number(moved.textContent) + e.deltaY; }, {passive: true})</script></body>)html");

@@ -215,6 +215,8 @@
     const tabindex = element.getAttribute('tabindex');
     if (tabindex !== null && Number(tabindex) >= 0) return true;
     if (element.isContentEditable) return true;
+    // What the page lets be dragged is there to drag.
+    if (element.getAttribute('draggable') === 'true') return true;
     const style = getComputedStyle(element);
     if (style.cursor === 'pointer') {
       // Only where the pointer starts: not every child of a link or a button.
