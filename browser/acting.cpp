@@ -651,7 +651,8 @@ Json Browser::hover(const Json& params) {
 Json Browser::drag(const Json& params) {
   auto tab = tabFor(params);
   std::string from, to;
-  auto [x0, y0] = pointOf(tab, params, "ref", "from_x", "from_y", from);
+  auto [startX, startY] = pointOf(tab, params, "ref", "from_x", "from_y", from);
+  double x0 = startX, y0 = startY;
   Before before = watch(tab);
   // What the browser drags itself (draggable elements, links, pictures) is caught as it starts
   // and carried on with drag events, as the browser would; the rest gets the pointer's events.
@@ -677,7 +678,8 @@ Json Browser::drag(const Json& params) {
   mouse(tab, "mouseMoved", x0, y0);
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
-  auto [x1, y1] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
+  auto [endX, endY] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
+  double x1 = endX, y1 = endY;
   auto x = [&](int step) { return x0 + (x1 - x0) * step / 10; };
   auto y = [&](int step) { return y0 + (y1 - y0) * step / 10; };
   std::optional<Json> data;
