@@ -162,9 +162,13 @@ void Browser::inFrames(const std::shared_ptr<Tab>& tab, const std::string& expre
   }
   for (auto& [session, frame] : frames) {
     try {
-      Json value = inFrame(session, frame, expression);
+      // A frame busy with a script of its own doesn't hold the action up.
+      Json value = inFrame(session, frame, expression, 2s);
       if (each && !each(value)) return;
     } catch (const CdpError&) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      tab->readFrames.erase({session, frame});
+    } catch (const NoAnswer&) {
       std::lock_guard<std::mutex> guard(tab->lock);
       tab->readFrames.erase({session, frame});
     } catch (const Failure&) {
@@ -186,30 +190,33 @@ std::string Browser::frameSession(const std::shared_ptr<Tab>& tab, const std::st
   return tab->session;
 }
 
-int Browser::frameWorld(const std::string& session, const std::string& frame) {
+int Browser::frameWorld(const std::string& session, const std::string& frame,
+                        std::chrono::milliseconds most) {
+  if (most.count() == 0) most = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
   // Chromium keeps one world of a name in each document: asking again finds the same.
-  Json made = call("Page.createIsolatedWorld", {{"frameId", frame}, {"worldName", worldName}}, session);
+  Json made = call("Page.createIsolatedWorld", {{"frameId", frame}, {"worldName", worldName}},
+                   session, most);
   int context = made.value("executionContextId", 0);
   Json there = call("Runtime.evaluate",
                     {{"expression", "typeof __nurel === 'object'"}, {"contextId", context},
                      {"returnByValue", true}},
-                    session);
+                    session, most);
   if (!there["result"].value("value", false))
     call("Runtime.evaluate", {{"expression", std::string(scripts::page)}, {"contextId", context}},
-         session);
+         session, most);
   return context;
 }
 
 Json Browser::inFrame(const std::string& session, const std::string& frame,
-                      const std::string& expression) {
-  auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+                      const std::string& expression, std::chrono::milliseconds most) {
+  auto timeout = most.count() ? most : std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
   Json answer = call("Runtime.evaluate",
                      {{"expression", expression},
-                      {"contextId", frameWorld(session, frame)},
+                      {"contextId", frameWorld(session, frame, most)},
                       {"returnByValue", true},
                       {"awaitPromise", true},
                       {"timeout", timeout.count()}},
-                     session, timeout + 5s);
+                     session, most.count() ? most : timeout + 5s);
   if (auto details = answer.find("exceptionDetails"); details != answer.end())
     throw Failure("couldn't read the page: " +
                   (*details).value("text", std::string("an exception")));
@@ -276,7 +283,7 @@ bool Browser::askClosedRoots(const std::string& session, const std::string& fram
 
 Json Browser::snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
                          const std::string& frame, const std::string& frameLoader,
-                         const std::string& mode) {
+                         const std::string& mode, std::chrono::milliseconds most) {
   bool top = frame == tab->targetId;
   for (int round = 0;; ++round) {
     int base;
@@ -285,7 +292,7 @@ Json Browser::snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& ses
       base = tab->nextRef;
     }
     std::string expression = "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")";
-    Json taken = top ? inWorld(tab, expression, Library::page) : inFrame(session, frame, expression);
+    Json taken = top ? inWorld(tab, expression, Library::page) : inFrame(session, frame, expression, most);
     recordRefs(tab, taken.value("used", 0), top ? "" : frame, frameLoader);
     // Closed roots found on the way: once more with what is in them (and roots within those).
     if (taken.value("hosts", 0) <= 0 || round == 3 || !askClosedRoots(session, frame)) return taken;
@@ -326,8 +333,9 @@ std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::stri
         tab->frameParents[child] = frame;
         if (tab->frameSessions.count(child) == 0) childSession = session;
       }
-      // A frame whose address didn't load shows Chromium's error page: not the page's.
-      Json tree = call("Page.getFrameTree", Json::object(), childSession);
+      // A frame whose address didn't load shows Chromium's error page: not the page's. One busy
+      // with a script of its own is left out after a moment.
+      Json tree = call("Page.getFrameTree", Json::object(), childSession, 5s);
       const Json* found = frameIn(tree["frameTree"], child);
       if (!found || found->contains("unreachableUrl") ||
           found->value("url", "").rfind("chrome-error:", 0) == 0)
@@ -338,7 +346,7 @@ std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::stri
         std::lock_guard<std::mutex> guard(tab->lock);
         tab->readFrames.emplace(childSession, child);
       }
-      Json taken = snapshotOf(tab, childSession, child, loader, mode);
+      Json taken = snapshotOf(tab, childSession, child, loader, mode, 5s);
       std::string said = taken.value("text", "");
       if (int frames = taken.value("frames", 0); frames > 0 && depth < 8)
         said = withFrames(tab, childSession, child, said, frames, mode, depth + 1);
@@ -347,6 +355,7 @@ std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::stri
       // The frame went, or has no document yet: it shows nothing.
     } catch (const NoAnswer&) {
       // A frame whose page is busy: the rest of the page is still worth having.
+      inner[i] = "- text: (the frame didn't answer: busy with a script of its own)";
     } catch (const Failure&) {
     }
   }

@@ -189,15 +189,19 @@ class Browser {
   // handing on each value until `each` says to stop; frames that went are forgotten.
   void inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
                 const std::function<bool(const Json&)>& each = {});
-  int frameWorld(const std::string& session, const std::string& frame);
-  Json inFrame(const std::string& session, const std::string& frame, const std::string& expression);
+  // Both wait `most` for each answer (0: as long as any script may take).
+  int frameWorld(const std::string& session, const std::string& frame,
+                 std::chrono::milliseconds most = {});
+  Json inFrame(const std::string& session, const std::string& frame, const std::string& expression,
+               std::chrono::milliseconds most = {});
   // Hands the closed shadow roots of the elements page.js named in `frame`'s document to its
   // world; true when there were any.
   bool askClosedRoots(const std::string& session, const std::string& frame);
   // page.js's snapshot of `frame`'s document (the main frame's, or another origin's in its own
   // world), closed shadow roots and all, its refs recorded as that document's.
   Json snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
-                  const std::string& frame, const std::string& frameLoader, const std::string& mode);
+                  const std::string& frame, const std::string& frameLoader, const std::string& mode,
+                  std::chrono::milliseconds most = {});
   // Attaches to the frames of other processes in `session`'s, once.
   void attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session);
   // `text`, a snapshot of `frame`, with those of the `count` frames it couldn't read put where
