@@ -860,7 +860,34 @@ Json Browser::find(const Json& params) {
                                 std::to_string(base) + ")",
                        Library::page);
   recordRefs(tab, found.value("used", 0));
-  return found.value("text", "");
+  // And in the frames of other origins that snapshots read, each with refs of its own document.
+  std::string text = found.value("found", 0) > 0 ? found.value("text", "") : "";
+  std::set<std::pair<std::string, std::string>> frames;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    frames = tab->readFrames;
+  }
+  for (auto& [session, frame] : frames) {
+    try {
+      Json tree = call("Page.getFrameTree", Json::object(), session, 2s);
+      const Json* document = frameIn(tree["frameTree"], frame);
+      if (!document) continue;
+      std::string loader = document->value("loaderId", "");
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        base = tab->nextRef;
+      }
+      Json said = inFrame(session, frame,
+                          "__nurel.find(" + quote(stringParam(params, "text")) + ", " + std::to_string(base) + ")",
+                          2s);
+      recordRefs(tab, said.value("used", 0), frame, loader);
+      if (said.value("found", 0) > 0) text += (text.empty() ? "" : "\n") + said.value("text", "");
+    } catch (const CdpError&) {
+    } catch (const NoAnswer&) {
+    } catch (const Failure&) {
+    }
+  }
+  return text.empty() ? found.value("text", "") : text;
 }
 
 Json Browser::inspect(const Json& params) {

@@ -245,6 +245,10 @@ TEST(Acting, FramesOfOtherOriginsAndProcessesAreSplicedInAndActedIn) {
             std::string::npos)
       << after;
 
+  // find looks in them too, with the same refs.
+  EXPECT_EQ(shared().nurel({"find", tab, "Hello Грейс"}).out,
+            "- button \"Hello Грейс\" [ref=" + farButton + "]\n");
+
   // Through nurel mcp, the interactive snapshot has them too, and a click by ref works.
   Session mcp(shared().socket());
   mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"snapshot","arguments":{"tab":")" +

@@ -636,7 +636,8 @@
       return '- ' + label(candidate).replace(/ \[ref=/, states.map((s) => ' [' + s + ']').join('') + ' [ref=');
     });
     if (kept.length > 20) lines.push(`(and ${kept.length - 20} more: say more of the text)`);
-    return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used };
+    return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used,
+      found: kept.length };
   };
   const usualStyles = ['display', 'position', 'top', 'left', 'width', 'height', 'margin', 'padding',
     'border', 'color', 'background-color', 'font-family', 'font-size', 'font-weight', 'line-height',
