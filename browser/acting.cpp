@@ -11,6 +11,7 @@
 #include "browser/browser.h"
 #include "catalogue/catalogue.h"
 #include "catalogue/commands.h"
+#include "browser/scripts.h"
 
 namespace nurel::browser {
 
@@ -122,24 +123,300 @@ std::string difference(const std::string& before, const std::string& now) {
 
 }  // namespace
 
-void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used) {
+void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::string& frame,
+                         const std::string& frameLoader) {
   if (used <= 0) return;
   std::lock_guard<std::mutex> guard(tab->lock);
-  tab->refDocuments[tab->nextRef] = tab->loader;
+  tab->refDocuments[tab->nextRef] = {tab->loader, frame, frameLoader};
   tab->nextRef += used;
 }
 
 std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode) {
-  int base;
+  Json taken = snapshotOf(tab, tab->session, tab->targetId, {}, mode);
+  std::string text = taken.value("text", "");
+  if (int frames = taken.value("frames", 0); frames > 0)
+    text = withFrames(tab, tab->session, tab->targetId, text, frames, mode, 1);
+  return text.empty() ? "the page is empty" : text;
+}
+
+namespace {
+
+// The frame `id` in a tree of Page.getFrameTree, or null.
+const Json* frameIn(const Json& tree, const std::string& id) {
+  if (!tree.is_object()) return nullptr;
+  auto frame = tree.find("frame");
+  if (frame != tree.end() && frame->is_object() && frame->value("id", "") == id) return &*frame;
+  auto children = tree.find("childFrames");
+  if (children == tree.end() || !children->is_array()) return nullptr;
+  for (const Json& child : *children)
+    if (const Json* found = frameIn(child, id)) return found;
+  return nullptr;
+}
+
+}  // namespace
+
+void Browser::inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
+                       const std::function<bool(const Json&)>& each) {
+  std::set<std::pair<std::string, std::string>> frames;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
-    base = tab->nextRef;
+    frames = tab->readFrames;
   }
-  Json taken = inWorld(tab, "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")",
-                       Library::page);
-  recordRefs(tab, taken.value("used", 0));
-  std::string text = taken.value("text", "");
-  return text.empty() ? "the page is empty" : text;
+  for (auto& [session, frame] : frames) {
+    try {
+      // A frame busy with a script of its own doesn't hold the action up.
+      Json value = inFrame(session, frame, expression, 2s);
+      if (each && !each(value)) return;
+    } catch (const CdpError&) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      tab->readFrames.erase({session, frame});
+    } catch (const NoAnswer&) {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      tab->readFrames.erase({session, frame});
+    } catch (const Failure&) {
+    }
+  }
+}
+
+std::string Browser::frameSession(const std::shared_ptr<Tab>& tab, const std::string& frame) {
+  std::lock_guard<std::mutex> guard(tab->lock);
+  std::string at = frame;
+  // A frame of this process is in the session of the nearest frame above it that has one.
+  for (int depth = 0; depth < 32 && at != tab->targetId; ++depth) {
+    if (auto found = tab->frameSessions.find(at); found != tab->frameSessions.end())
+      return found->second;
+    auto parent = tab->frameParents.find(at);
+    if (parent == tab->frameParents.end()) break;
+    at = parent->second;
+  }
+  return tab->session;
+}
+
+int Browser::frameWorld(const std::string& session, const std::string& frame,
+                        std::chrono::milliseconds most) {
+  if (most.count() == 0) most = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  // Chromium keeps one world of a name in each document: asking again finds the same.
+  Json made = call("Page.createIsolatedWorld", {{"frameId", frame}, {"worldName", worldName}},
+                   session, most);
+  int context = made.value("executionContextId", 0);
+  Json there = call("Runtime.evaluate",
+                    {{"expression", "typeof __nurel === 'object'"}, {"contextId", context},
+                     {"returnByValue", true}},
+                    session, most);
+  if (!there["result"].value("value", false))
+    call("Runtime.evaluate", {{"expression", std::string(scripts::page)}, {"contextId", context}},
+         session, most);
+  return context;
+}
+
+Json Browser::inFrame(const std::string& session, const std::string& frame,
+                      const std::string& expression, std::chrono::milliseconds most) {
+  auto timeout = most.count() ? most : std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  Json answer = call("Runtime.evaluate",
+                     {{"expression", expression},
+                      {"contextId", frameWorld(session, frame, most)},
+                      {"returnByValue", true},
+                      {"awaitPromise", true},
+                      {"timeout", timeout.count()}},
+                     session, most.count() ? most : timeout + 5s);
+  if (auto details = answer.find("exceptionDetails"); details != answer.end())
+    throw Failure("couldn't read the page: " +
+                  (*details).value("text", std::string("an exception")));
+  return answer["result"].value("value", Json());
+}
+
+// Closed shadow roots: no element of the page gives them, but DevTools does. Asking it for the
+// whole tree (DOM.getDocument with depth -1 and pierce) took 180-300 ms on the saved real pages
+// (2,000 to 4,000 elements) where page.js walks them in 10-40 ms; so the walk names the
+// elements that may hold one as it goes (5 to 110 on those pages, each named once in its
+// document's life), only those are asked about, all at once (about 10 ms, once), and the closed
+// roots they hold are handed to the world, which walks them from then on. A hook on
+// attachShadow can't do it: our world doesn't see the page's calls, and a hook in the page's
+// own world would be the page's to see and undo.
+bool Browser::askClosedRoots(const std::string& session, const std::string& frame) {
+  std::shared_ptr<Engine> running = engine();
+  int context = frameWorld(session, frame);
+  Json list = call("Runtime.evaluate",
+                   {{"expression", "__nurel.hostsToAsk()"}, {"contextId", context},
+                    {"objectGroup", "nurel-roots"}},
+                   session);
+  Json items = call("Runtime.getProperties",
+                    {{"objectId", list["result"].value("objectId", "")}, {"ownProperties", true}},
+                    session);
+  std::vector<std::shared_ptr<Cdp::Pending>> asked;
+  for (const Json& item : items.value("result", Json::array())) {
+    auto value = item.find("value");
+    if (value == item.end() || value->value("subtype", "") != "node") continue;
+    asked.push_back(running->cdp->start("DOM.describeNode",
+                                        {{"objectId", value->value("objectId", "")}}, session));
+  }
+  std::vector<int> roots;
+  for (auto& reply : asked) {
+    try {
+      if (!running->cdp->wait(reply, 10s)) {
+        running->cdp->forget(reply);
+        continue;
+      }
+    } catch (const CdpError&) {
+      continue;  // gone meanwhile
+    }
+    const Json& node = reply->result["node"];
+    for (const Json& root : node.value("shadowRoots", Json::array()))
+      if (root.value("shadowRootType", "") == "closed") roots.push_back(root.value("backendNodeId", 0));
+  }
+  bool handed = false;
+  for (int root : roots) {
+    try {
+      Json object = call("DOM.resolveNode",
+                         {{"backendNodeId", root}, {"executionContextId", context},
+                          {"objectGroup", "nurel-roots"}},
+                         session);
+      call("Runtime.callFunctionOn",
+           {{"functionDeclaration", "function () { return __nurel.keepClosedRoot(this); }"},
+            {"objectId", object["object"].value("objectId", "")}},
+           session);
+      handed = true;
+    } catch (const CdpError&) {
+    }
+  }
+  call("Runtime.releaseObjectGroup", {{"objectGroup", "nurel-roots"}}, session);
+  return handed;
+}
+
+Json Browser::snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
+                         const std::string& frame, const std::string& frameLoader,
+                         const std::string& mode, std::chrono::milliseconds most) {
+  bool top = frame == tab->targetId;
+  for (int round = 0;; ++round) {
+    int base;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      base = tab->nextRef;
+    }
+    std::string expression = "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")";
+    Json taken = top ? inWorld(tab, expression, Library::page) : inFrame(session, frame, expression, most);
+    recordRefs(tab, taken.value("used", 0), top ? "" : frame, frameLoader);
+    // Closed roots found on the way: once more with what is in them (and roots within those).
+    if (taken.value("hosts", 0) <= 0 || round == 3 || !askClosedRoots(session, frame)) return taken;
+  }
+}
+
+void Browser::attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session) {
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (!tab->attaching.insert(session).second) return;
+  }
+  // Chromium answers after telling of the frames already there.
+  call("Target.setAutoAttach",
+       {{"autoAttach", true}, {"waitForDebuggerOnStart", false}, {"flatten", true},
+        {"filter", Json::array({{{"type", "iframe"}}})}},
+       session);
+}
+
+std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
+                                const std::string& frame, const std::string& text, int count,
+                                const std::string& mode, int depth) {
+  std::vector<std::string> inner(size_t(std::min(count, 200)));
+  int context = frameWorld(session, frame);
+  for (size_t i = 0; i < inner.size(); ++i) {
+    try {
+      Json owner = call("Runtime.evaluate",
+                        {{"expression", "__nurel.frameOwner(" + std::to_string(i) + ")"},
+                         {"contextId", context}, {"objectGroup", "nurel-frames"}},
+                        session);
+      std::string object = owner["result"].value("objectId", "");
+      if (object.empty()) continue;
+      std::string child = call("DOM.describeNode", {{"objectId", object}}, session)["node"]
+                              .value("frameId", "");
+      if (child.empty()) continue;
+      std::string childSession = frameSession(tab, child);
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        tab->frameParents[child] = frame;
+        if (tab->frameSessions.count(child) == 0) childSession = session;
+      }
+      // A frame whose address didn't load shows Chromium's error page: not the page's. One busy
+      // with a script of its own is left out after a moment.
+      Json tree = call("Page.getFrameTree", Json::object(), childSession, 5s);
+      const Json* found = frameIn(tree["frameTree"], child);
+      if (!found || found->contains("unreachableUrl") ||
+          found->value("url", "").rfind("chrome-error:", 0) == 0)
+        continue;
+      std::string loader = found->value("loaderId", "");
+      if (childSession != session) attachFrames(tab, childSession);
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        tab->readFrames.emplace(childSession, child);
+      }
+      Json taken = snapshotOf(tab, childSession, child, loader, mode, 5s);
+      std::string said = taken.value("text", "");
+      if (int frames = taken.value("frames", 0); frames > 0 && depth < 8)
+        said = withFrames(tab, childSession, child, said, frames, mode, depth + 1);
+      inner[i] = said;
+    } catch (const CdpError&) {
+      // The frame went, or has no document yet: it shows nothing.
+    } catch (const NoAnswer&) {
+      // A frame whose page is busy: the rest of the page is still worth having.
+      inner[i] = "- text: (the frame didn't answer: busy with a script of its own)";
+    } catch (const Failure&) {
+    }
+  }
+  try {
+    call("Runtime.releaseObjectGroup", {{"objectGroup", "nurel-frames"}}, session);
+  } catch (const CdpError&) {
+  }
+  // Each frame's lines go in place of its mark, indented as deep as the mark.
+  std::string out;
+  std::stringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    size_t start = line.find_first_not_of(' ');
+    if (start == std::string::npos || line[start] != '\x01') {
+      out += line + "\n";
+      continue;
+    }
+    size_t index = size_t(std::atoi(line.c_str() + start + 1));
+    if (index >= inner.size()) continue;
+    std::stringstream said(inner[index]);
+    for (std::string part; std::getline(said, part);) out += line.substr(0, start) + part + "\n";
+  }
+  if (!out.empty()) out.pop_back();
+  return out;
+}
+
+std::pair<double, double> Browser::toTop(const std::shared_ptr<Tab>& tab, const std::string& frame,
+                                         double x, double y, const std::string& label) {
+  std::string inner = frame;
+  for (int depth = 0; depth < 32 && inner != tab->targetId; ++depth) {
+    std::string outer;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      auto parent = tab->frameParents.find(inner);
+      if (parent == tab->frameParents.end()) break;
+      outer = parent->second;
+    }
+    std::string session = frameSession(tab, outer);
+    int context = frameWorld(session, outer);
+    Json owner = call("DOM.getFrameOwner", {{"frameId", inner}}, session);
+    Json object = call("DOM.resolveNode",
+                       {{"backendNodeId", owner.value("backendNodeId", 0)},
+                        {"executionContextId", context}, {"objectGroup", "nurel-frames"}},
+                       session);
+    Json at = call("Runtime.callFunctionOn",
+                   {{"functionDeclaration", "function (x, y) { return __nurel.inFrame(this, x, y); }"},
+                    {"objectId", object["object"].value("objectId", "")},
+                    {"arguments", Json::array({{{"value", x}}, {{"value", y}}})},
+                    {"returnByValue", true}},
+                   session);
+    call("Runtime.releaseObjectGroup", {{"objectGroup", "nurel-frames"}}, session);
+    const Json& point = at["result"]["value"];
+    if (!point.is_object()) throw Failure(label + " is no longer on the page");
+    if (point.contains("covered") && !label.empty())
+      throw Failure(label + " is covered by " + point.value("covered", "something"));
+    x = point.value("x", 0.0);
+    y = point.value("y", 0.0);
+    inner = outer;
+  }
+  return {x, y};
 }
 
 Json Browser::snapshot(const Json& params) {
@@ -175,30 +452,62 @@ Json Browser::snapshot(const Json& params) {
 }
 
 int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {
+  return refPlace(tab, ref).number;
+}
+
+Browser::RefPlace Browser::refPlace(const std::shared_ptr<Tab>& tab, const std::string& ref) {
   if (ref.size() < 2 || ref[0] != 'e' || ref.size() > 10 ||
       !std::all_of(ref.begin() + 1, ref.end(), ::isdigit))
     throw Failure(quote(ref) + " isn't a ref: refs look like e12 and come from a snapshot");
-  int number = std::stoi(ref.substr(1));
-  std::lock_guard<std::mutex> guard(tab->lock);
-  auto run = tab->refDocuments.upper_bound(number);
-  if (number < 1 || number >= tab->nextRef || run == tab->refDocuments.begin())
-    throw Failure("there is no ref " + ref + " in " + tab->id + ": take a snapshot for refs");
-  --run;
-  if (run->second != tab->loader)
+  RefPlace place;
+  place.ref = ref;
+  place.number = std::stoi(ref.substr(1));
+  std::string frameLoader;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    auto run = tab->refDocuments.upper_bound(place.number);
+    if (place.number < 1 || place.number >= tab->nextRef || run == tab->refDocuments.begin())
+      throw Failure("there is no ref " + ref + " in " + tab->id + ": take a snapshot for refs");
+    --run;
+    if (run->second.loader != tab->loader)
+      throw Failure("ref " + ref + " is from an earlier page: take a new snapshot");
+    place.frame = run->second.frame;
+    frameLoader = run->second.frameLoader;
+  }
+  if (place.frame.empty()) return place;
+  // The frame's own document must be the one the ref was given in.
+  place.session = frameSession(tab, place.frame);
+  Json tree = call("Page.getFrameTree", Json::object(), place.session);
+  const Json* found = frameIn(tree["frameTree"], place.frame);
+  if (!found) throw Failure("ref " + ref + " is no longer on the page");
+  if (found->value("loaderId", "") != frameLoader)
     throw Failure("ref " + ref + " is from an earlier page: take a new snapshot");
-  return number;
+  return place;
+}
+
+Json Browser::inPlace(const std::shared_ptr<Tab>& tab, const RefPlace& place,
+                      const std::string& expression) {
+  if (place.frame.empty()) return inWorld(tab, expression, Library::page);
+  try {
+    return inFrame(place.session, place.frame, expression);
+  } catch (const CdpError&) {
+    // The frame went between the two.
+    throw Failure("ref " + place.ref + " is no longer on the page");
+  }
 }
 
 std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
                                             std::string& label, bool enabled) {
-  int number = refNumber(tab, ref);
-  Json target = inWorld(tab, "__nurel.target(" + std::to_string(number) + ")", Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json target = inPlace(tab, place, "__nurel.target(" + std::to_string(place.number) + ")");
   if (target.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   label = target.value("label", ref);
   if (target.value("hidden", false)) throw Failure(label + " isn't visible");
   if (enabled && target.value("disabled", false)) throw Failure(label + " is disabled");
   if (target.contains("covered"))
     throw Failure(label + " is covered by " + target.value("covered", "something"));
+  if (!place.frame.empty())
+    return toTop(tab, place.frame, target.value("x", 0.0), target.value("y", 0.0), label);
   return {target.value("x", 0.0), target.value("y", 0.0)};
 }
 
@@ -224,6 +533,7 @@ std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, cons
 
 Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
   inWorld(tab, "__nurel.watch()", Library::page);
+  inFrames(tab, "__nurel.watch()");
   Before before;
   std::lock_guard<std::mutex> guard(tab->lock);
   before.started = tab->startedLoading;
@@ -320,6 +630,12 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
   }
   if (!opened.empty() || answer.find("; a download started") != std::string::npos) return answer;
   Json changes = inWorld(tab, "__nurel.changes()", Library::page);
+  // Frames of other origins change apart from the page.
+  if (!(changes.is_number() && changes.get<int>() > 0))
+    inFrames(tab, "__nurel.changes()", [&](const Json& value) {
+      changes = value;
+      return !(value.is_number() && value.get<int>() > 0);
+    });
   bool same;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
@@ -359,14 +675,58 @@ Json Browser::hover(const Json& params) {
 Json Browser::drag(const Json& params) {
   auto tab = tabFor(params);
   std::string from, to;
-  auto [x0, y0] = pointOf(tab, params, "ref", "from_x", "from_y", from);
+  auto [startX, startY] = pointOf(tab, params, "ref", "from_x", "from_y", from);
+  double x0 = startX, y0 = startY;
   Before before = watch(tab);
+  // What the browser drags itself (draggable elements, links, pictures) is caught as it starts
+  // and carried on with drag events, as the browser would; the rest gets the pointer's events.
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    tab->dragged.reset();
+  }
+  call("Input.setInterceptDrags", {{"enabled", true}}, tab->session);
+  struct Intercepting {
+    Browser* browser;
+    const std::shared_ptr<Tab>& tab;
+    ~Intercepting() {
+      try {
+        browser->call("Input.setInterceptDrags", {{"enabled", false}}, tab->session);
+      } catch (const std::exception&) {
+      }
+    }
+  } intercepting{this, tab};
+  auto dragged = [&] {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    return tab->dragged;
+  };
   mouse(tab, "mouseMoved", x0, y0);
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
-  auto [x1, y1] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
-  for (int step = 1; step <= 10; ++step)
-    mouse(tab, "mouseMoved", x0 + (x1 - x0) * step / 10, y0 + (y1 - y0) * step / 10, "left", 0, 1);
+  auto [endX, endY] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
+  double x1 = endX, y1 = endY;
+  auto x = [&](int step) { return x0 + (x1 - x0) * step / 10; };
+  auto y = [&](int step) { return y0 + (y1 - y0) * step / 10; };
+  std::optional<Json> data;
+  int step = 1;
+  for (; step <= 10 && !(data = dragged()); ++step)
+    mouse(tab, "mouseMoved", x(step), y(step), "left", 0, 1);
+  if (!data) {
+    // The browser says so a moment after the move that began it.
+    std::unique_lock<std::mutex> guard(tab->lock);
+    tab->changed.wait_for(guard, 50ms, [&] { return tab->dragged || tab->dialog || tab->gone; });
+    data = tab->dragged;
+  }
+  if (data) {
+    // Into the page where it began, over it on the way, and dropped at the target.
+    auto event = [&](const char* type, int at) {
+      input(tab, "Input.dispatchDragEvent",
+            {{"type", type}, {"x", x(at)}, {"y", y(at)}, {"data", *data}});
+    };
+    event("dragEnter", step - 1);
+    for (; step <= 10; ++step) event("dragOver", step);
+    event("dragOver", 10);
+    event("drop", 10);
+  }
   mouse(tab, "mouseReleased", x1, y1, "left", 1, 0);
   return outcome(tab, before, "dragged " + from + " to " + to);
 }
@@ -381,9 +741,9 @@ Json Browser::type(const Json& params) {
     mouse(tab, "mouseMoved", x, y);
     mouse(tab, "mousePressed", x, y, "left", 1, 1);
     mouse(tab, "mouseReleased", x, y, "left", 1, 0);
-    Json focused = inWorld(tab, "__nurel.focusForTyping(" + std::to_string(refNumber(tab, ref)) +
-                                    ", " + (flagParam(params, "replace") ? "true" : "false") + ")",
-                           Library::page);
+    RefPlace place = refPlace(tab, ref);
+    Json focused = inPlace(tab, place, "__nurel.focusForTyping(" + std::to_string(place.number) +
+                                           ", " + (flagParam(params, "replace") ? "true" : "false") + ")");
     if (focused.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   }
   Before before = watch(tab);
@@ -413,9 +773,9 @@ Json Browser::choose(const Json& params) {
   std::string label;
   targetOf(tab, ref, label);
   Before before = watch(tab);
-  Json chosen = inWorld(tab, "__nurel.choose(" + std::to_string(refNumber(tab, ref)) + ", " +
-                                 quote(stringParam(params, "option")) + ")",
-                        Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json chosen = inPlace(tab, place, "__nurel.choose(" + std::to_string(place.number) + ", " +
+                                        quote(stringParam(params, "option")) + ")");
   if (chosen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   if (chosen.contains("error")) throw Failure(chosen.value("error", ""));
   return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label);
@@ -506,20 +866,51 @@ Json Browser::find(const Json& params) {
     std::lock_guard<std::mutex> guard(tab->lock);
     base = tab->nextRef;
   }
+  for (int round = 0; round < 4; ++round) {
+    Json hosts = inWorld(tab, "__nurel.closedRootHosts()", Library::page);
+    if (!hosts.is_number() || hosts.get<int>() <= 0 || !askClosedRoots(tab->session, tab->targetId))
+      break;
+  }
   Json found = inWorld(tab, "__nurel.find(" + quote(stringParam(params, "text")) + ", " +
                                 std::to_string(base) + ")",
                        Library::page);
   recordRefs(tab, found.value("used", 0));
-  return found.value("text", "");
+  // And in the frames of other origins that snapshots read, each with refs of its own document.
+  std::string text = found.value("found", 0) > 0 ? found.value("text", "") : "";
+  std::set<std::pair<std::string, std::string>> frames;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    frames = tab->readFrames;
+  }
+  for (auto& [session, frame] : frames) {
+    try {
+      Json tree = call("Page.getFrameTree", Json::object(), session, 2s);
+      const Json* document = frameIn(tree["frameTree"], frame);
+      if (!document) continue;
+      std::string loader = document->value("loaderId", "");
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        base = tab->nextRef;
+      }
+      Json said = inFrame(session, frame,
+                          "__nurel.find(" + quote(stringParam(params, "text")) + ", " + std::to_string(base) + ")",
+                          2s);
+      recordRefs(tab, said.value("used", 0), frame, loader);
+      if (said.value("found", 0) > 0) text += (text.empty() ? "" : "\n") + said.value("text", "");
+    } catch (const CdpError&) {
+    } catch (const NoAnswer&) {
+    } catch (const Failure&) {
+    }
+  }
+  return text.empty() ? found.value("text", "") : text;
 }
 
 Json Browser::inspect(const Json& params) {
   auto tab = tabFor(params);
   std::string ref = stringParam(params, "ref");
-  int number = refNumber(tab, ref);
-  Json seen = inWorld(tab, "__nurel.inspect(" + std::to_string(number) + ", " +
-                               quote(stringParam(params, "styles")) + ")",
-                      Library::page);
+  RefPlace place = refPlace(tab, ref);
+  Json seen = inPlace(tab, place, "__nurel.inspect(" + std::to_string(place.number) + ", " +
+                                      quote(stringParam(params, "styles")) + ")");
   if (seen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   return seen["element"];
 }

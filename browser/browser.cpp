@@ -290,12 +290,31 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     std::lock_guard<std::mutex> guard(tabsLock);
     if (generation != generations) return;
     auto found = tabsBySession.find(session);
-    if (found == tabsBySession.end()) return;
-    tab = found->second;
+    if (found == tabsBySession.end()) {
+      // A frame of another process, attached to as the tab's: only its own frames matter.
+      if (method != "Target.attachedToTarget" && method != "Target.detachedFromTarget") return;
+      for (auto& [id, open] : tabsByID) {
+        std::lock_guard<std::mutex> tabGuard(open->lock);
+        for (auto& [frame, frameSession] : open->frameSessions)
+          if (frameSession == session) tab = open;
+      }
+      if (!tab) return;
+    } else {
+      tab = found->second;
+    }
   }
   std::lock_guard<std::mutex> guard(tab->lock);
   auto now = std::chrono::steady_clock::now();
-  if (method == "Page.lifecycleEvent") {
+  if (method == "Target.attachedToTarget") {
+    const Json& info = params.contains("targetInfo") ? params["targetInfo"] : params;
+    if (info.value("type", "") == "iframe")
+      tab->frameSessions[info.value("targetId", "")] = params.value("sessionId", "");
+  } else if (method == "Target.detachedFromTarget") {
+    std::string detached = params.value("sessionId", "");
+    for (auto frame = tab->frameSessions.begin(); frame != tab->frameSessions.end();)
+      frame = frame->second == detached ? tab->frameSessions.erase(frame) : std::next(frame);
+    tab->attaching.erase(detached);
+  } else if (method == "Page.lifecycleEvent") {
     if (params.value("name", "") == "load" && params.value("frameId", "") == tab->targetId) {
       tab->loaded.push_back(params.value("loaderId", ""));
       if (tab->loaded.size() > 16) tab->loaded.pop_front();
@@ -306,6 +325,8 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
       tab->loader = frame.value("loaderId", "");
       tab->url = frame.value("url", "");
       tab->frames.clear();
+      tab->frameParents.clear();
+      tab->readFrames.clear();
       tab->console.clear();
       tab->consoleDropped = 0;
     }
@@ -327,6 +348,8 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     tab->chooser = params;
   } else if (method == "Page.javascriptDialogOpening") {
     tab->dialog = params;
+  } else if (method == "Input.dragIntercepted") {
+    tab->dragged = params.value("data", Json::object());
   } else if (method == "Page.javascriptDialogClosed") {
     tab->dialog.reset();
   } else if (method == "Page.loadEventFired") {
@@ -458,6 +481,8 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
   call("Log.enable", Json::object(), tab->session);
   // A file chooser comes to us (upload answers it), never as a window of the system's.
   call("Page.setInterceptFileChooserDialog", {{"enabled", true}}, tab->session);
+  // Frames of other processes (another site's) come as targets of their own.
+  attachFrames(tab, tab->session);
   Json tree = call("Page.getFrameTree", Json::object(), tab->session);
   {
     std::lock_guard<std::mutex> guard(tab->lock);

@@ -70,10 +70,25 @@ struct Tab {
   std::set<std::string> frames;       // the ids of the frames in it, for its downloads
   uint64_t downloadsStarted = 0;
   bool asking = false;                // ask is waiting for the person: no actions meanwhile
+  std::optional<Json> dragged;        // what the browser began to drag, caught for a drag
 
-  // Refs: numbers go up across the tab's documents; each run of them belongs to one document.
+  // Refs: numbers go up across the tab's documents; each run of them belongs to one document:
+  // the main frame's, or that of a frame whose document the main frame's world can't read
+  // (another origin's), which keeps refs of its own.
   int nextRef = 1;
-  std::map<int, std::string> refDocuments;  // first number of a run -> its document's loader
+  struct RefRun {
+    std::string loader;       // the main frame's document when the run was given
+    std::string frame;        // the frame whose world gave it; empty for the main frame's
+    std::string frameLoader;  // and that frame's document then
+  };
+  std::map<int, RefRun> refDocuments;  // first number of a run -> its document
+  // Frames of other processes, each attached as a target of its own: frame id -> its session.
+  std::map<std::string, std::string> frameSessions;
+  std::set<std::string> attaching;     // sessions told to attach to the frames of theirs
+  // Frames that snapshots of this document went into through their own worlds: frame id ->
+  // the frame it is in; and each with its session, for what acting watches.
+  std::map<std::string, std::string> frameParents;
+  std::set<std::pair<std::string, std::string>> readFrames;
   std::map<std::string, std::string> lastSnapshot;  // by variant, for diff
 
   // What the page logged since it loaded, oldest first, and how many older lines were dropped.
@@ -179,6 +194,46 @@ class Browser {
     std::string url;
   };
   int refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref);
+  // A ref's number and the frame whose world holds its element (empty for the main frame's),
+  // with that frame's session; throws Failure for a ref of an earlier document.
+  struct RefPlace {
+    int number = 0;
+    std::string ref, frame, session;
+  };
+  RefPlace refPlace(const std::shared_ptr<Tab>& tab, const std::string& ref);
+  // Runs an expression of page.js in the world of the ref's document.
+  Json inPlace(const std::shared_ptr<Tab>& tab, const RefPlace& place, const std::string& expression);
+  // Frames whose documents the main frame's world can't read: each has a world of its own in
+  // the session that holds it, with page.js there.
+  std::string frameSession(const std::shared_ptr<Tab>& tab, const std::string& frame);
+  // Runs `expression` in each frame that snapshots of this document read in its own world,
+  // handing on each value until `each` says to stop; frames that went are forgotten.
+  void inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
+                const std::function<bool(const Json&)>& each = {});
+  // Both wait `most` for each answer (0: as long as any script may take).
+  int frameWorld(const std::string& session, const std::string& frame,
+                 std::chrono::milliseconds most = {});
+  Json inFrame(const std::string& session, const std::string& frame, const std::string& expression,
+               std::chrono::milliseconds most = {});
+  // Hands the closed shadow roots of the elements page.js named in `frame`'s document to its
+  // world; true when there were any.
+  bool askClosedRoots(const std::string& session, const std::string& frame);
+  // page.js's snapshot of `frame`'s document (the main frame's, or another origin's in its own
+  // world), closed shadow roots and all, its refs recorded as that document's.
+  Json snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
+                  const std::string& frame, const std::string& frameLoader, const std::string& mode,
+                  std::chrono::milliseconds most = {});
+  // Attaches to the frames of other processes in `session`'s, once.
+  void attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session);
+  // `text`, a snapshot of `frame`, with those of the `count` frames it couldn't read put where
+  // they stand; their refs recorded as their documents'.
+  std::string withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
+                         const std::string& frame, const std::string& text, int count,
+                         const std::string& mode, int depth);
+  // A point of `frame`'s viewport as one of the top page's, scrolling frames to it; `label`
+  // names what is acted on, for when something lies over it (empty: whatever lies over it).
+  std::pair<double, double> toTop(const std::shared_ptr<Tab>& tab, const std::string& frame,
+                                  double x, double y, const std::string& label);
   // Scrolled to, visible, enabled and not covered: the point to act at. Throws Failure.
   std::pair<double, double> targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
                                      std::string& label, bool enabled = true);
@@ -194,7 +249,8 @@ class Browser {
   // What an action did, after it: `did` and what followed (a load, a tab, a dialog, a change).
   std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did);
   std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
-  void recordRefs(const std::shared_ptr<Tab>& tab, int used);
+  void recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::string& frame = {},
+                  const std::string& frameLoader = {});
   std::string checkedURL(const std::string& url);
 
   // Files.

@@ -283,11 +283,21 @@ Json Browser::screenshot(const Json& params) {
   // Labels unless asked not to; never on a whole page or one element.
   bool labels = !(params.contains("labels") && !flagParam(params, "labels")) && !full && ref.empty();
   if (!ref.empty()) {
-    Json box = inWorld(tab, "__nurel.pictureBox(" + std::to_string(refNumber(tab, ref)) + ")",
-                       Library::page);
+    RefPlace place = refPlace(tab, ref);
+    Json box = inPlace(tab, place, "__nurel.pictureBox(" + std::to_string(place.number) + ")");
     if (box.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
     double width = box.value("width", 0.0), height = box.value("height", 0.0);
     if (width < 1 || height < 1) throw Failure("ref " + ref + " isn't visible");
+    if (!place.frame.empty()) {
+      // A box in a frame's page: its centre through the frames to the top page's.
+      Json scrolled = inFrame(place.session, place.frame, "[scrollX, scrollY]");
+      auto [x, y] = toTop(tab, place.frame,
+                          box.value("x", 0.0) - scrolled[0].get<double>() + width / 2,
+                          box.value("y", 0.0) - scrolled[1].get<double>() + height / 2, "");
+      Json top = inWorld(tab, "[scrollX, scrollY]");
+      box["x"] = x - width / 2 + top[0].get<double>();
+      box["y"] = y - height / 2 + top[1].get<double>();
+    }
     shot["clip"] = {{"x", box.value("x", 0.0)}, {"y", box.value("y", 0.0)},
                     {"width", width}, {"height", std::min(height, 16000.0)}, {"scale", 1}};
     shot["captureBeyondViewport"] = true;
@@ -305,15 +315,19 @@ Json Browser::screenshot(const Json& params) {
     return {{"png", taken.value("data", "")}};
   }
   std::string refs = snapshotText(tab, "viewport");
+  // Each frame of another origin draws its own, inside it.
   inWorld(tab, "__nurel.drawLabels()", Library::page);
+  inFrames(tab, "__nurel.drawLabels()");
   Json taken;
   try {
     taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
   } catch (...) {
     inWorld(tab, "__nurel.removeLabels()", Library::page);
+    inFrames(tab, "__nurel.removeLabels()");
     throw;
   }
   inWorld(tab, "__nurel.removeLabels()", Library::page);
+  inFrames(tab, "__nurel.removeLabels()");
   return {{"png", taken.value("data", "")}, {"refs", refs}};
 }
 

@@ -249,6 +249,142 @@ TEST(Acting, FramesOfTheSameOriginAndOpenShadowRootsAreWalked) {
   EXPECT_NE(shared().nurel({"snapshot", tab}).out.find("button \"Done\""), std::string::npos);
 }
 
+// Frames of another origin: one on another port of 127.0.0.1 (the same site, so the page's own
+// process), one on localhost (another site: a process of its own). The page's world can read
+// neither; each is read in its own and put where its iframe stands.
+TEST(Acting, FramesOfOtherOriginsAndProcessesAreSplicedInAndActedIn) {
+  servePage("/guest", R"html(<title>Guest</title><label>Name <input id=name></label>
+<button onclick="this.textContent = 'Hello ' + document.getElementById('name').value" style="width:90px;height:30px;background:#8c8">Greet</button>)html");
+  servePage("/host", R"html(<title>Host</title><p>Before the frames</p>
+<iframe src=")html" + otherOrigin("/guest") + R"html(" title="Same process" style="border:7px solid;padding:5px"></iframe>
+<p>Between the frames</p><div style="height:1500px"></div>
+<iframe src=")html" + otherSite("/guest") + R"html(" title="Other process" style="border:3px solid;padding:11px 0 0 23px"></iframe>
+<p>After the frames</p>)html");
+  std::string tab = shared().open(url("/host"));
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [...document.querySelectorAll('iframe')].map((f) => f.contentDocument)"}).out,
+            "[\n  null,\n  null\n]\n");
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  // Each frame's lines under its iframe, one level deeper, in the order of the page.
+  size_t first = s.find("- iframe \"Same process\"\n  - textbox \"Name\" [ref=");
+  size_t second = s.find("- iframe \"Other process\"\n  - textbox \"Name\" [ref=");
+  ASSERT_NE(first, std::string::npos) << s;
+  ASSERT_NE(second, std::string::npos) << s;
+  EXPECT_LT(s.find("Before the frames"), first) << s;
+  EXPECT_LT(first, s.find("Between the frames")) << s;
+  EXPECT_LT(s.find("Between the frames"), second) << s;
+  EXPECT_LT(second, s.find("After the frames")) << s;
+  std::string near = refOn(s.substr(first), "textbox \"Name\"");
+  std::string nearButton = refOn(s.substr(first), "button \"Greet\"");
+  std::string far = refOn(s.substr(second), "textbox \"Name\"");
+  std::string farButton = refOn(s.substr(second), "button \"Greet\"");
+  ASSERT_NE(nearButton, "") << s;
+  ASSERT_NE(farButton, "") << s;
+  EXPECT_NE(near, far);
+
+  // A picture of an element in a frame is of it alone.
+  ASSERT_EQ(shared().nurel({"screenshot", tab, "--ref", farButton, "--file", shared().file("framed.png")}).status, 0);
+  EXPECT_EQ(pngSize(fileText(shared().file("framed.png"))), std::make_pair(90u, 30u));
+  // Labelled pictures name the frames' refs too.
+  shared().nurel({"eval", tab, "scrollTo(0, 0)"});
+  Outcome labelled = shared().nurel({"screenshot", tab, "--file", shared().file("frames.png")});
+  EXPECT_EQ(refOn(labelled.out, "textbox \"Name\""), near) << labelled.out;
+
+  // Typing and clicking land in the right frame, the far one scrolled to first.
+  EXPECT_EQ(shared().nurel({"type", tab, "--ref", near, "Ada"}).out,
+            "typed 3 characters into textbox \"Name\" [ref=" + near + "]; nothing visible changed\n");
+  EXPECT_EQ(shared().nurel({"type", tab, "--ref", far, "Грейс"}).status, 0);
+  EXPECT_EQ(shared().nurel({"click", tab, nearButton}).out,
+            "clicked button \"Greet\" [ref=" + nearButton + "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"click", tab, farButton}).status, 0);
+  std::string after = shared().nurel({"snapshot", tab}).out;
+  EXPECT_NE(after.find("- iframe \"Same process\"\n  - textbox \"Name\" [value=\"Ada\"] [ref=" + near +
+                       "]\n  - button \"Hello Ada\" [ref=" + nearButton + "]"),
+            std::string::npos)
+      << after;
+  EXPECT_NE(after.find("- iframe \"Other process\"\n  - textbox \"Name\" [value=\"Грейс\"] [ref=" + far +
+                       "]\n  - button \"Hello Грейс\" [ref=" + farButton + "]"),
+            std::string::npos)
+      << after;
+
+  // find looks in them too, with the same refs.
+  EXPECT_EQ(shared().nurel({"find", tab, "Hello Грейс"}).out,
+            "- button \"Hello Грейс\" [ref=" + farButton + "]\n");
+
+  // Through nurel mcp, the interactive snapshot has them too, and a click by ref works.
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"snapshot","arguments":{"tab":")" +
+           tab + R"(","interactive":true}}})");
+  auto interactive = mcp.next();
+  ASSERT_TRUE(interactive);
+  std::string lines = parseDocument(*interactive)["result"]["content"][0]["text"];
+  EXPECT_EQ(refOn(lines, "button \"Hello Грейс\""), farButton) << lines;
+  mcp.send(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"click","arguments":{"tab":")" +
+           tab + R"(","ref":")" + near + R"("}}})");
+  auto clicked = mcp.next();
+  ASSERT_TRUE(clicked);
+  EXPECT_EQ(parseDocument(*clicked)["result"]["content"][0]["text"],
+            "clicked textbox \"Name\" [ref=" + near + "]; nothing visible changed");
+  EXPECT_EQ(mcp.finish(), 0);
+
+  // A frame that went to another page: its refs are refused, never matched to what is there now.
+  shared().nurel({"eval", tab, "document.querySelectorAll('iframe')[1].src = '" + otherSite("/guest?again") + "'"});
+  EXPECT_TRUE(eventually([&] {
+    return shared().nurel({"click", tab, farButton}).err ==
+           "ref " + farButton + " is from an earlier page: take a new snapshot\n";
+  }));
+  // A frame taken off the page: its refs are no longer there.
+  shared().nurel({"eval", tab, "document.querySelectorAll('iframe')[0].remove()"});
+  EXPECT_EQ(shared().nurel({"click", tab, nearButton}).err,
+            "ref " + nearButton + " is no longer on the page\n");
+}
+
+// Closed shadow roots, which the page's own elements don't give: walked all the same, roots
+// within roots, and what is in them acted on.
+TEST(Acting, ClosedShadowRootsAreWalkedAndActedIn) {
+  servePage("/closed-guest", R"html(<div id=host></div><script>
+host.attachShadow({mode: 'closed'}).innerHTML = '<button onclick="this.textContent = \'Done\'">In a frame</button>';
+</script>)html");
+  servePage("/closed", R"html(<title>Closed</title><div id=host></div><fancy-card></fancy-card>
+<iframe src=")html" + otherSite("/closed-guest") + R"html("></iframe><p id=said></p><script>
+host.attachShadow({mode: 'closed'}).innerHTML =
+  '<button onclick="document.getElementById(\'said\').textContent = \'pressed\'">Deep inside</button>';
+customElements.define('inner-part', class extends HTMLElement {
+  constructor() { super(); this.attachShadow({mode: 'closed'}).innerHTML = '<a href="/second">Nested link</a>'; }
+});
+customElements.define('fancy-card', class extends HTMLElement {
+  constructor() { super(); this.attachShadow({mode: 'closed'}).innerHTML = '<p>Card text</p><inner-part></inner-part>'; }
+});
+</script>)html");
+  std::string tab = shared().open(url("/closed"));
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [host.shadowRoot, document.querySelector('fancy-card').shadowRoot]"}).out,
+            "[\n  null,\n  null\n]\n");
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string button = refOn(s, "button \"Deep inside\"");
+  std::string link = refOn(s, "link \"Nested link\"");
+  ASSERT_NE(button, "") << s;
+  ASSERT_NE(link, "") << s;
+  EXPECT_LT(s.find("Card text"), s.find("Nested link")) << s;
+  EXPECT_EQ(shared().nurel({"click", tab, button}).out,
+            "clicked button \"Deep inside\" [ref=" + button + "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return said.textContent"}).out, "pressed\n");
+  // In a frame of another process too.
+  std::string framed = refOn(s, "button \"In a frame\"");
+  ASSERT_NE(framed, "") << s;
+  EXPECT_EQ(shared().nurel({"click", tab, framed}).status, 0);
+  EXPECT_EQ(refOn(shared().nurel({"snapshot", tab}).out, "button \"Done\""), framed);
+  EXPECT_EQ(shared().nurel({"find", tab, "Nested"}).out,
+            "- link \"Nested link\" [url=/second] [ref=" + link + "]\n");
+
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"click","arguments":{"tab":")" +
+           tab + R"(","ref":")" + link + R"("}}})");
+  auto clicked = mcp.next();
+  ASSERT_TRUE(clicked);
+  EXPECT_EQ(parseDocument(*clicked)["result"]["content"][0]["text"],
+            "clicked link \"Nested link\" [ref=" + link + "]; the page went to " + url("/second") + " \"Second\"");
+  EXPECT_EQ(mcp.finish(), 0);
+}
+
 TEST(Acting, DialogsAreAnsweredBothWaysAndNeverHang) {
   servePage("/dialogs", R"html(<title>Dialogs</title><p id=said></p>
 <button onclick="said.textContent = 'alerted'; alert('Heads up')">Alert</button>
@@ -321,6 +457,59 @@ document.addEventListener('pointerup', (e) => {
   EXPECT_EQ(shared().nurel({"key", tab, "hyper+a"}).err,
             "unknown modifier \"hyper\": use cmd, ctrl, alt or shift\n");
   EXPECT_EQ(shared().nurel({"key", tab, "home"}).status, 0);
+}
+
+// Drag and drop of the browser's own (draggable elements, dragstart, dragover, drop): a sortable
+// list and a drop zone, where pointer events alone would move nothing.
+TEST(Acting, TheBrowsersOwnDragAndDropSortsAListAndFillsADropZone) {
+  servePage("/dnd", R"html(<title>Drag and drop</title><style>li{height:40px;border:1px solid}</style>
+<ul id=list><li draggable=true>Apple</li><li draggable=true>Banana</li><li draggable=true>Cherry</li></ul>
+<div id=zone style="height:60px;border:2px dashed">Drop here</div><p id=order></p><p id=ended></p>
+<script>
+let held = null;
+list.addEventListener('dragstart', (e) => {
+  held = e.target;
+  e.dataTransfer.setData('text/plain', e.target.textContent);
+  e.dataTransfer.effectAllowed = 'move';
+});
+list.addEventListener('dragover', (e) => e.preventDefault());
+list.addEventListener('drop', (e) => {
+  e.preventDefault();
+  const over = e.target.closest('li');
+  if (held && over && over !== held) over.after(held);
+  order.textContent = [...list.children].map((li) => li.textContent).join(',');
+});
+zone.addEventListener('dragover', (e) => e.preventDefault());
+zone.addEventListener('drop', (e) => {
+  e.preventDefault();
+  zone.textContent = 'Dropped ' + e.dataTransfer.getData('text/plain');
+});
+document.addEventListener('dragend', () => { ended.textContent = 'ended'; });
+</script>)html");
+  std::string tab = shared().open(url("/dnd"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  std::string apple = refOn(s, "\"Apple\"");
+  std::string cherry = refOn(s, "\"Cherry\"");
+  ASSERT_NE(apple, "") << s;
+  ASSERT_NE(cherry, "") << s;
+  EXPECT_EQ(shared().nurel({"drag", tab, apple, cherry}).out,
+            "dragged listitem \"Apple\" [ref=" + apple + "] to listitem \"Cherry\" [ref=" + cherry +
+                "]; the page changed\n");
+  EXPECT_EQ(shared().nurel({"eval", tab, "return order.textContent"}).out, "Banana,Cherry,Apple\n");
+
+  // By MCP, from a ref to a point: the middle of the drop zone.
+  Json box = parseDocument(shared().nurel({"eval", tab, "const b = zone.getBoundingClientRect(); "
+                                                        "return {x: b.x + b.width / 2, y: b.y + b.height / 2}"}).out);
+  Session mcp(shared().socket());
+  mcp.send(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"drag","arguments":{"tab":")" +
+           tab + R"(","ref":")" + refOn(s, "\"Banana\"") + R"(","to_x":)" + std::to_string(box["x"].get<double>()) +
+           R"(,"to_y":)" + std::to_string(box["y"].get<double>()) + "}}}");
+  auto dropped = mcp.next();
+  ASSERT_TRUE(dropped);
+  EXPECT_EQ(parseDocument(*dropped)["result"].value("isError", false), false) << *dropped;
+  EXPECT_EQ(mcp.finish(), 0);
+  EXPECT_EQ(shared().nurel({"eval", tab, "return [zone.textContent, ended.textContent]"}).out,
+            "[\n  \"Dropped Banana\",\n  \"ended\"\n]\n");
 }
 
 TEST(Acting, APageThatMovesItselfOnTheWheelStillGetsTheWheel) {

@@ -86,16 +86,19 @@ Response page(const std::string& path) {
 }
 
 HttpServer* server = nullptr;
+HttpServer* secondServer = nullptr;  // the same pages on another port: another origin
 BackEnd* sharedBackEnd = nullptr;
 
 class Shared : public ::testing::Environment {
  public:
   void SetUp() override {
     server = new HttpServer(page);
+    secondServer = new HttpServer(page);
     sharedBackEnd = new BackEnd();
   }
   void TearDown() override {
     delete sharedBackEnd;
+    delete secondServer;
     delete server;
   }
 };
@@ -107,6 +110,12 @@ const auto* environment = ::testing::AddGlobalTestEnvironment(new Shared);
 BackEnd& shared() { return *sharedBackEnd; }
 
 std::string url(const std::string& path) { return server->url(path); }
+
+std::string otherOrigin(const std::string& path) { return secondServer->url(path); }
+
+std::string otherSite(const std::string& path) {
+  return "http://localhost:" + std::to_string(server->port()) + path;
+}
 
 void servePage(const std::string& path, const std::string& html) {
   Response response;
@@ -195,11 +204,12 @@ int connectTo(const std::string& path) {
 
 BackEnd::BackEnd(const Env& extra) {
   // The tests' Chromium resolves no name but this machine's own: pages that name other hosts
-  // (the saved real pages do) get no answer, and nothing leaves the machine.
+  // (the saved real pages do) get no answer, and nothing leaves the machine. localhost is
+  // another site than 127.0.0.1, whose frames Chromium puts in processes of their own.
   writeTestFile(dir.file("chromium"),
                 "#!/bin/sh\nfor name in chromium chromium-headless-shell; do\n"
                 "  if command -v $name >/dev/null; then exec $name "
-                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1' \"$@\"; fi\n"
+                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE localhost' \"$@\"; fi\n"
                 "done\nexit 127\n",
                 true);
   options.env = {{"NUREL_SOCKET", socket()},

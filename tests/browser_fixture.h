@@ -46,6 +46,11 @@ class BackEnd {
 BackEnd& shared();
 /// The address of a test page: "http://127.0.0.1:<port>" + path.
 std::string url(const std::string& path);
+/// The same pages from another origin of the same site ("http://127.0.0.1:<another port>"),
+/// which Chromium keeps in the page's process...
+std::string otherOrigin(const std::string& path);
+/// ...and from another site ("http://localhost:<port>"), which it puts in a process of its own.
+std::string otherSite(const std::string& path);
 /// Serves `html` at `path` (before the built-in pages), for the rest of the run.
 void servePage(const std::string& path, const std::string& html);
 /// Serves `response` at `path`, likewise.

@@ -23,6 +23,53 @@
     return number === undefined ? '' : 'e' + number;
   };
 
+  // Shadow roots: open ones the elements give; closed ones the back end finds through DevTools
+  // and hands over (keepClosedRoot), for the elements closedRootHosts names.
+  const closedRoots = new WeakMap();
+  const shadowOf = (node) => node.shadowRoot || closedRoots.get(node) || null;
+  // Elements that can hold a shadow root, besides custom elements (those with a "-").
+  const hostTags = new Set(['article', 'aside', 'blockquote', 'body', 'div', 'footer', 'h1', 'h2',
+    'h3', 'h4', 'h5', 'h6', 'header', 'main', 'nav', 'p', 'section', 'span']);
+  // The elements not asked about before that may hold a closed root, from the last snapshot or
+  // closedRootHosts(): custom elements that show, and the others that can hold one and show
+  // something with no children of their own.
+  const askedHosts = new WeakSet();
+  let hostsToAsk = [];
+  // The back end's own banners (banner.js) over the page: never part of it.
+  const bannerHost = (node) => !!globalThis.__nurelBanner && globalThis.__nurelBanner.hosts.has(node);
+  const mayHoldClosedRoot = (element) => {
+    if (bannerHost(element)) return false;
+    if (askedHosts.has(element) || hostsToAsk.length >= 500 || element.shadowRoot) return false;
+    const name = element.localName;
+    if (!name.includes('-')) {
+      if (!hostTags.has(name)) return false;
+      for (let child = element.firstChild; child; child = child.nextSibling)
+        if (child.nodeType === Node.ELEMENT_NODE || child.nodeType === Node.TEXT_NODE && child.data.trim()) return false;
+    }
+    const box = element.getBoundingClientRect();
+    if (box.width <= 0 || box.height <= 0) return false;
+    askedHosts.add(element);
+    hostsToAsk.push(element);
+    return true;
+  };
+  // Walks the page for them (a snapshot finds them as it goes); their number.
+  const closedRootHosts = () => {
+    hostsToAsk = [];
+    const visit = (root) => {
+      for (const element of root.querySelectorAll('*')) {
+        const inner = shadowOf(element);
+        if (inner) visit(inner);
+        else mayHoldClosedRoot(element);
+      }
+    };
+    visit(document);
+    return hostsToAsk.length;
+  };
+  const keepClosedRoot = (root) => {
+    closedRoots.set(root.host, root);
+    return true;
+  };
+
   const squash = (text) => (text || '').replace(/\s+/g, ' ').trim();
   const clip = (text, most) => text.length > most ? text.slice(0, most - 1) + '…' : text;
   const landmarks = new Set(['banner', 'navigation', 'main', 'complementary', 'contentinfo',
@@ -113,7 +160,7 @@
         else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child) + ' ';
       }
     }
-    if (node.shadowRoot) out += ' ' + textOf(node.shadowRoot);
+    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node));
     return out;
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
@@ -177,6 +224,8 @@
     const tabindex = element.getAttribute('tabindex');
     if (tabindex !== null && Number(tabindex) >= 0) return true;
     if (element.isContentEditable) return true;
+    // What the page lets be dragged is there to drag.
+    if (element.getAttribute('draggable') === 'true') return true;
     const style = getComputedStyle(element);
     if (style.cursor === 'pointer') {
       // Only where the pointer starts: not every child of a link or a button.
@@ -266,15 +315,19 @@
   let lastActionable = [];
   // Interactive snapshots leave out links' addresses: what to act on, not where it leads.
   let terse = false;
+  // The iframes of the last snapshot whose documents this world cannot read, by number.
+  let frameOwners = [];
   const snapshot = (mode, base) => {
     refs = { base, used: 0 };
     lastActionable = [];
+    frameOwners = [];
+    hostsToAsk = [];
     terse = mode === 'interactive';
     // Builds the tree: {role, name, states, ref, children, text}.
     const interactiveOnly = mode === 'interactive';
     const viewportOnly = mode === 'viewport';
     const childNodesOf = (node) => {
-      if (node.shadowRoot) return Array.from(node.shadowRoot.childNodes);
+      if (shadowOf(node)) return Array.from(shadowOf(node).childNodes);
       if (node.localName === 'slot') {
         const assigned = node.assignedNodes({ flatten: true });
         if (assigned.length) return assigned;
@@ -282,15 +335,21 @@
       if ((node.localName === 'iframe' || node.localName === 'frame')) {
         try {
           const inner = node.contentDocument;
-          if (inner && inner.body) return [inner.body];
+          if (inner) return inner.body ? [inner.body] : [];
         } catch (e) {
           // Another origin's document: not ours to read from here.
         }
-        return [];
+        // Another origin's document (in this process or another): its own world reads it, and
+        // the back end puts what it says here.
+        return [{ frameOwner: node }];
       }
       return Array.from(node.childNodes);
     };
     const build = (node, out) => {
+      if (node.frameOwner) {
+        if (!viewportOnly || onScreen(node.frameOwner)) out.push({ frame: frameOwners.push(node.frameOwner) - 1 });
+        return;
+      }
       if (node.nodeType === Node.TEXT_NODE) {
         const text = squash(node.data);
         if (text && !interactiveOnly) out.push({ text });
@@ -300,7 +359,8 @@
       if (node.nodeType === Node.ELEMENT_NODE) {
         const tag = node.localName;
         if (['script', 'style', 'noscript', 'template', 'head', 'meta', 'link', 'title'].includes(tag)) return;
-        if (!shown(node)) return;
+        if (!shown(node) || bannerHost(node)) return;
+        if (!closedRoots.has(node)) mayHoldClosedRoot(node);
         if (tag === 'select') {
           // A closed dropdown: its options are what can be chosen.
           const role = roleOf(node);
@@ -414,6 +474,14 @@
         pending = [];
       };
       for (const item of items) {
+        if (item.frame !== undefined) {
+          // Where the frame's own snapshot goes: a line of its own, which no other line starts
+          // with (names are quoted, texts follow "- text:").
+          flush();
+          lines.push(pad + '\u0001' + item.frame);
+          lastText = '';
+          continue;
+        }
         if (item.text !== undefined) {
           // A paragraph's text is a line of its own; inline pieces join the text around them.
           if (item.block) flush();
@@ -442,7 +510,7 @@
       flush();
     };
     write(root, 0);
-    return { text: lines.join('\n'), used: refs.used };
+    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length, hosts: hostsToAsk.length };
   };
 
   // One line for an element, as the snapshot would show it: role "name" [ref=eN].
@@ -462,6 +530,23 @@
     for (let node = inner; node; node = node.parentNode || node.host) if (node === outer) return true;
     return false;
   };
+  // What lies over `found` where the pointer would hit `hit`, as a label; '' when nothing does.
+  const coveredBy = (found, hit) => {
+    const labelFor = hit && hit.closest && hit.closest('label');
+    if (!hit || within(found, hit) || (labelFor && labelFor.control === found)) return '';
+    // Named by the largest thing with a role that lies over it (a dialog rather than its
+    // close button), else by the nearest.
+    let nearest = null;
+    let largest = null;
+    for (let over = hit; over && over !== document.body && over !== document.documentElement &&
+         !within(over, found); over = over.parentElement) {
+      if (roleOf(over) || clickable(over)) {
+        if (!nearest) nearest = over;
+        largest = over;
+      }
+    }
+    return label(largest || nearest || hit);
+  };
   // Where to act on an element: scrolled into view, its centre in the top page's CSS px, and
   // what would take the pointer there instead of it.
   const target = (number) => {
@@ -475,30 +560,50 @@
     const x = box.left + box.width / 2;
     const y = box.top + box.height / 2;
     let hit = found.ownerDocument.elementFromPoint(x, y);
-    while (hit && hit.shadowRoot) {
-      const inner = hit.shadowRoot.elementFromPoint(x, y);
+    while (hit && shadowOf(hit)) {
+      const inner = shadowOf(hit).elementFromPoint(x, y);
       if (!inner || inner === hit) break;
       hit = inner;
     }
-    const labelFor = hit && hit.closest && hit.closest('label');
-    if (hit && !within(found, hit) && !(labelFor && labelFor.control === found)) {
-      // Named by the largest thing with a role that lies over it (a dialog rather than its
-      // close button), else by the nearest.
-      let nearest = null;
-      let largest = null;
-      for (let over = hit; over && over !== document.body && over !== document.documentElement &&
-           !within(over, found); over = over.parentElement) {
-        if (roleOf(over) || clickable(over)) {
-          if (!nearest) nearest = over;
-          largest = over;
-        }
-      }
-      result.covered = label(largest || nearest || hit);
-    }
+    const over = coveredBy(found, hit);
+    if (over) result.covered = over;
     // Input goes to the top page: the centre through the frames around the element.
     const inTop = boxInTop(found);
     return { ...result, x: inTop.left + inTop.width / 2, y: inTop.top + inTop.height / 2 };
   };
+  // A point of a frame's viewport (x, y), where `owner` is the frame's element in this document,
+  // as a point of the top page's viewport through this world's frames: the frame's content box
+  // lies inside its border and padding. When the point is off screen the page scrolls to it; what
+  // of this document lies over it is `covered`.
+  const inFrame = (owner, x, y) => {
+    const view = owner.ownerDocument.defaultView;
+    const inside = () => {
+      const box = owner.getBoundingClientRect();
+      const style = view.getComputedStyle(owner);
+      return { box, left: owner.clientLeft + parseFloat(style.paddingLeft || '0'),
+        top: owner.clientTop + parseFloat(style.paddingTop || '0') };
+    };
+    let at = inside();
+    let px = at.box.left + at.left + x, py = at.box.top + at.top + y;
+    if (px < 0 || py < 0 || px >= view.innerWidth || py >= view.innerHeight) {
+      view.scrollBy({ left: px - view.innerWidth / 2, top: py - view.innerHeight / 2, behavior: 'instant' });
+      at = inside();
+      px = at.box.left + at.left + x;
+      py = at.box.top + at.top + y;
+    }
+    const result = {};
+    let hit = owner.ownerDocument.elementFromPoint(px, py);
+    while (hit && shadowOf(hit)) {
+      const inner = shadowOf(hit).elementFromPoint(px, py);
+      if (!inner || inner === hit) break;
+      hit = inner;
+    }
+    const over = coveredBy(owner, hit);
+    if (over) result.covered = over;
+    const inTop = boxInTop(owner);
+    return { ...result, x: inTop.left + at.left + x, y: inTop.top + at.top + y };
+  };
+  const frameOwner = (index) => frameOwners[index] || null;
   // Puts the caret in a field for typing: at the end, or over all of it to type it anew.
   const focusForTyping = (number, replace) => {
     const found = element(number);
@@ -555,7 +660,7 @@
     const matches = [];
     const visit = (root) => {
       for (const candidate of root.querySelectorAll('*')) {
-        if (candidate.shadowRoot) visit(candidate.shadowRoot);
+        if (shadowOf(candidate)) visit(shadowOf(candidate));
         const role = roleOf(candidate);
         const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
           ' ' + (candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ? candidate.textContent : '');
@@ -582,7 +687,8 @@
       return '- ' + label(candidate).replace(/ \[ref=/, states.map((s) => ' [' + s + ']').join('') + ' [ref=');
     });
     if (kept.length > 20) lines.push(`(and ${kept.length - 20} more: say more of the text)`);
-    return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used };
+    return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used,
+      found: kept.length };
   };
   const usualStyles = ['display', 'position', 'top', 'left', 'width', 'height', 'margin', 'padding',
     'border', 'color', 'background-color', 'font-family', 'font-size', 'font-weight', 'line-height',
@@ -686,5 +792,6 @@
   };
 
   globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
-    scrolled, label, element, drawLabels, removeLabels, pictureBox };
+    scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
+    closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot };
 })()
