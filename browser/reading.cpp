@@ -433,6 +433,10 @@ Json Browser::storage(const Json& params) {
 
 Json Browser::ask(const Json& params) {
   tabFor(params);
+  // Whether anyone watches a browser that runs elsewhere is the pool's to know, not ours.
+  if (settings.remote())
+    throw Failure("asking the person isn't available when the browser runs elsewhere "
+                  "(NUREL_CDP_URL)");
   if (!settings.headed)
     throw Failure("no one is watching this browser: it runs without a window. Start it with one "
                   "(NUREL_HEADED=1, with a display) for a person to answer");
