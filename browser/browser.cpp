@@ -9,10 +9,14 @@
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "browser/websocket.h"
 
 namespace nurel::browser {
 
@@ -116,7 +120,41 @@ Settings Settings::fromEnvironment(const std::string& dataFolder) {
     while (std::getline(folders, folder, ':'))
       if (!folder.empty()) settings.allowedFolders.push_back(folder);
   }
+  if (const char* url = std::getenv("NUREL_CDP_URL")) settings.cdpURL = url;
+  if (const char* headers = std::getenv("NUREL_CDP_HEADERS")) settings.readHeaders(headers);
   return settings;
+}
+
+void Settings::readHeaders(const std::string& lines) {
+  cdpHeaders.clear();
+  cdpProblem.clear();
+  std::stringstream text(lines);
+  std::string line;
+  auto trimmed = [](std::string part) {
+    size_t start = part.find_first_not_of(" \t\r");
+    if (start == std::string::npos) return std::string();
+    return part.substr(start, part.find_last_not_of(" \t\r") - start + 1);
+  };
+  for (int number = 1; std::getline(text, line); ++number) {
+    if (trimmed(line).empty()) continue;
+    size_t colon = line.find(':');
+    std::string name = colon == std::string::npos ? "" : trimmed(line.substr(0, colon));
+    bool token = !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char c) {
+      return std::isalnum(c) || std::strchr("!#$%&'*+-.^_`|~", c);
+    });
+    std::string value = colon == std::string::npos ? "" : trimmed(line.substr(colon + 1));
+    bool clean = std::none_of(value.begin(), value.end(), [](unsigned char c) {
+      return c < 0x20 && c != '\t';
+    });
+    if (!token || !clean) {
+      // The line itself is never shown: it may hold a token.
+      cdpProblem = "NUREL_CDP_HEADERS: line " + std::to_string(number) +
+                   " isn't a header (Name: value, one a line)";
+      cdpHeaders.clear();
+      return;
+    }
+    cdpHeaders.emplace_back(name, value);
+  }
 }
 
 Browser::Browser(Settings settings)
@@ -139,6 +177,23 @@ void Browser::shutdown() {
     engine = current;
   }
   if (!engine) return;
+  if (!engine->chromium) {
+    // Someone else's browser: close the tabs we opened in it, then the connection.
+    std::vector<std::string> targets;
+    {
+      std::lock_guard<std::mutex> guard(tabsLock);
+      for (auto& [id, tab] : tabsByID) targets.push_back(tab->targetId);
+    }
+    for (const std::string& target : targets)
+      engine->cdp->post("Target.closeTarget", {{"targetId", target}});
+    try {
+      // Answered after the closings before it.
+      engine->cdp->call("Browser.getVersion", Json::object(), {}, std::chrono::seconds(3));
+    } catch (const std::exception&) {
+    }
+    engine->cdp->end();
+    return;
+  }
   try {
     engine->cdp->call("Browser.close", Json::object(), {}, std::chrono::seconds(3));
   } catch (const std::exception&) {
@@ -163,12 +218,25 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
   std::lock_guard<std::mutex> guard(engineLock);
   if (current && current->cdp->alive()) return current;
   if (current) {
-    // It died: its tabs went with it.
+    // It died, or the connection did: its tabs went with it.
     std::lock_guard<std::mutex> tabsGuard(tabsLock);
+    if (!current->chromium)
+      for (auto& [id, tab] : tabsByID) leftBehind.push_back(tab->targetId);
     tabsByID.clear();
     tabsBySession.clear();
   }
   current.reset();
+  auto fresh = std::make_shared<Engine>();
+  fresh->generation = ++generations;
+  if (settings.remote())
+    connectRemote(*fresh);
+  else
+    startChromium(*fresh);
+  current = fresh;
+  return current;
+}
+
+void Browser::startChromium(Engine& fresh) {
   std::string program;
   try {
     program = findChromium();
@@ -177,41 +245,89 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
   }
   makeFolders(settings.dataFolder + "/profile");
   std::string log = settings.dataFolder + "/chromium.log";
-  auto fresh = std::make_shared<Engine>();
-  fresh->generation = ++generations;
   try {
-    fresh->chromium = std::make_unique<Chromium>(
+    fresh.chromium = std::make_unique<Chromium>(
         program, chromiumSwitches(settings.dataFolder + "/profile", settings.headed), log);
   } catch (const StartError& error) {
     throw Failure(error.what());
   }
-  uint64_t generation = fresh->generation;
-  fresh->cdp = std::make_unique<Cdp>(
-      fresh->chromium->takeTransport(),
+  uint64_t generation = fresh.generation;
+  fresh.cdp = std::make_unique<Cdp>(
+      fresh.chromium->takeTransport(),
       [this, generation](const std::string& method, const Json& params,
                          const std::string& session) {
         onEvent(generation, method, params, session);
       },
       [this, generation](const std::string& reason) { onClosed(generation, reason); });
   try {
-    fresh->cdp->call("Browser.getVersion", Json::object(), {}, std::chrono::seconds(30));
+    fresh.cdp->call("Browser.getVersion", Json::object(), {}, std::chrono::seconds(30));
     // Tabs that pages open are told of, to become the agent's.
-    fresh->cdp->call("Target.setDiscoverTargets", {{"discover", true}});
+    fresh.cdp->call("Target.setDiscoverTargets", {{"discover", true}});
     // Downloads go under a name of Chromium's, and take theirs when whole (files.cpp).
     try {
       makeFolders(downloadFolder);
     } catch (const Failure&) {
       // Said by the first download, which can't be kept.
     }
-    fresh->cdp->call("Browser.setDownloadBehavior", {{"behavior", "allowAndName"},
+    fresh.cdp->call("Browser.setDownloadBehavior", {{"behavior", "allowAndName"},
                                                      {"downloadPath", downloadFolder},
                                                      {"eventsEnabled", true}});
   } catch (const std::exception& error) {
     std::string why = lastLine(log);
     throw Failure("Chromium (" + program + ") didn't start" + (why.empty() ? "" : ": " + why));
   }
-  current = fresh;
-  return current;
+}
+
+void Browser::connectRemote(Engine& fresh) {
+  using namespace std::chrono;
+  if (!settings.cdpProblem.empty()) throw Failure(settings.cdpProblem);
+  // The action log and the scenarios stay here, whoever's the browser.
+  makeFolders(settings.dataFolder);
+  auto now = steady_clock::now();
+  auto inWords = [](milliseconds wait) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", double(std::max<int64_t>(wait.count(), 100)) / 1000);
+    std::string shown = text;
+    if (shown.size() > 2 && shown.compare(shown.size() - 2, 2, ".0") == 0) shown.resize(shown.size() - 2);
+    return shown + " s";
+  };
+  // While a pause runs, requests are answered at once with why the last try failed.
+  if (now < retryAt)
+    throw Failure(unreachable + "; trying again in " +
+                  inWords(duration_cast<milliseconds>(retryAt - now)));
+  std::unique_ptr<WebSocketTransport> transport;
+  try {
+    transport = WebSocketTransport::connect(settings.cdpURL, settings.cdpHeaders, seconds(10));
+  } catch (const BadAddress& error) {
+    throw Failure(error.what());
+  } catch (const ConnectError& error) {
+    pause = pause.count() == 0 ? milliseconds(500) : std::min<milliseconds>(pause * 2, seconds(8));
+    retryAt = steady_clock::now() + pause;
+    unreachable = error.what();
+    std::string line = unreachable + "; trying again in " + inWords(pause);
+    std::fprintf(stderr, "nurel-browser: %s\n", line.c_str());
+    throw Failure(line);
+  }
+  pause = milliseconds(0);
+  fresh.address = transport->address();
+  uint64_t generation = fresh.generation;
+  fresh.cdp = std::make_unique<Cdp>(
+      std::move(transport),
+      [this, generation](const std::string& method, const Json& params,
+                         const std::string& session) {
+        onEvent(generation, method, params, session);
+      },
+      [this, generation](const std::string& reason) { onClosed(generation, reason); });
+  try {
+    fresh.cdp->call("Browser.getVersion", Json::object(), {}, seconds(30));
+    fresh.cdp->call("Target.setDiscoverTargets", {{"discover", true}});
+  } catch (const std::exception& error) {
+    throw Failure("the browser at " + fresh.address + " didn't answer: " + error.what());
+  }
+  // The tabs we had in it before the connection broke are no one's now.
+  for (const std::string& target : leftBehind)
+    fresh.cdp->post("Target.closeTarget", {{"targetId", target}});
+  leftBehind.clear();
 }
 
 Json Browser::call(const std::string& method, const Json& params, const std::string& session,
@@ -231,6 +347,9 @@ std::optional<std::string> Browser::lost(const std::shared_ptr<Engine>& running)
   using namespace std::chrono_literals;
   for (int wait = 0; wait < 50 && running->cdp->alive(); ++wait) std::this_thread::sleep_for(20ms);
   if (running->cdp->alive()) return std::nullopt;
+  if (!running->chromium)
+    return "lost the browser at " + running->address + ": " + running->cdp->ending() +
+           "; its tabs are gone, and the next request connects again";
   std::string ending = running->chromium->ending();
   for (int wait = 0; wait < 50 && ending.empty(); ++wait) {
     std::this_thread::sleep_for(20ms);
@@ -510,7 +629,7 @@ std::string Browser::describeTab(const std::shared_ptr<Tab>& tab, const std::str
 }
 
 std::string checkedAddress(const std::string& given,
-                           const std::vector<std::string>& allowedFolders) {
+                           const std::vector<std::string>& allowedFolders, bool remote) {
   std::string url = given;
   while (!url.empty() && std::isspace(static_cast<unsigned char>(url.back()))) url.pop_back();
   url.erase(0, std::min(url.size(), url.find_first_not_of(" \t\r\n")));
@@ -534,10 +653,14 @@ std::string checkedAddress(const std::string& given,
   std::string lower = url.substr(0, colon);
   std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
   if (lower == "view-source" && url.size() > colon + 1) {
-    checkedAddress(url.substr(colon + 1), allowedFolders);
+    checkedAddress(url.substr(colon + 1), allowedFolders, remote);
     return url;
   }
   if (lower != "file") return url;
+  if (remote)
+    throw Failure("won't open " + url +
+                  ": the browser runs on another machine (NUREL_CDP_URL), whose files nurel "
+                  "can't check against NUREL_ALLOW_FILES");
   // file: only from the folders the person allows, compared after resolving links and "..".
   std::string path = url.substr(colon + 1);
   if (path.rfind("//", 0) == 0) {

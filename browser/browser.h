@@ -37,13 +37,26 @@ class Failure : public std::runtime_error {
 
 struct Settings {
   std::string dataFolder;                  ///< the profile and Chromium's log go here
+  /// A browser elsewhere to drive instead of starting Chromium: its DevTools WebSocket
+  /// (ws://, wss://) or an http:// address whose /json/version names it. Empty: our own.
+  std::string cdpURL;
+  std::vector<std::pair<std::string, std::string>> cdpHeaders;  ///< sent when connecting
+  std::string cdpProblem;                  ///< why the headers can't be used, if they can't
   bool headed = false;                     ///< real windows instead of headless
   std::chrono::seconds loadTime{30};       ///< how long a page may take to load
   std::chrono::seconds scriptTime{30};     ///< how long a script may run
   std::vector<std::string> allowedFolders; ///< file: pages may come from under these
 
-  /// From the environment: NUREL_HEADED, NUREL_TIMEOUT, NUREL_ALLOW_FILES.
+  /// True when the browser runs elsewhere: its files (downloads, uploads, file: pages) are on
+  /// another machine, and it isn't ours to close.
+  bool remote() const { return !cdpURL.empty(); }
+
+  /// From the environment: NUREL_HEADED, NUREL_TIMEOUT, NUREL_ALLOW_FILES, NUREL_CDP_URL,
+  /// NUREL_CDP_HEADERS.
   static Settings fromEnvironment(const std::string& dataFolder);
+  /// Reads NUREL_CDP_HEADERS: one "Name: value" a line. Sets cdpProblem (never quoting a
+  /// line, which may hold a secret) when a line isn't one.
+  void readHeaders(const std::string& lines);
 };
 
 /// One tab the agent opened, and what its page's events have told us.
@@ -131,14 +144,17 @@ class Browser {
   /// Does one request and returns its result. Throws Failure with the line to answer.
   Json handle(const std::string& method, const Json& params);
 
-  /// True while a Chromium is running.
+  /// True while a Chromium is running, or a remote browser connected.
   bool running();
 
   /// Starts Chromium ahead of the first request; a failure is left for that request to meet.
   void warmUp();
+  /// True when the browser runs elsewhere (Settings::remote()).
+  bool remote() const { return settings.remote(); }
 
   /// Closes Chromium (asking first, so that its profile is written, then killing what is
-  /// left) before the process exits; other threads may still be calling handle().
+  /// left) before the process exits; other threads may still be calling handle(). A remote
+  /// browser isn't ours: only the tabs we opened in it are closed, then the connection.
   void shutdown();
 
   /// Every method name, for --help and tests.
@@ -146,8 +162,9 @@ class Browser {
 
  private:
   struct Engine {
-    std::unique_ptr<Chromium> chromium;
+    std::unique_ptr<Chromium> chromium;  // none when the browser is remote
     std::unique_ptr<Cdp> cdp;
+    std::string address;  // a remote browser's WebSocket address, as shown
     uint64_t generation = 0;
   };
   using Handler = Json (Browser::*)(const Json&);
@@ -157,6 +174,9 @@ class Browser {
 
   // The running engine, started when there is none; throws Failure.
   std::shared_ptr<Engine> engine();
+  // Starts our own Chromium, or connects to the remote browser, for engine().
+  void startChromium(Engine& fresh);
+  void connectRemote(Engine& fresh);
   Json call(const std::string& method, const Json& params = Json::object(),
             const std::string& session = {},
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
@@ -306,8 +326,12 @@ class Browser {
   ActionLog actions;
   std::mutex engineLock;  // held while starting or replacing the engine
   std::shared_ptr<Engine> current;
-  std::string lastEnding;  // why the last Chromium stopped, for the next answer
   uint64_t generations = 0;
+  // A remote browser that can't be reached is tried again after a pause that doubles.
+  std::chrono::steady_clock::time_point retryAt;
+  std::chrono::milliseconds pause{0};
+  std::string unreachable;  // why the last try failed
+  std::vector<std::string> leftBehind;  // targets of our tabs in a remote browser we lost
 
   std::mutex tabsLock;  // guards the maps below and nextTab
   std::map<std::string, std::shared_ptr<Tab>> tabsByID;
@@ -324,8 +348,10 @@ class Browser {
 
 /// The address to load for what an agent typed: a bare host gets https:// (http:// for
 /// localhost and 127.x); a file: address must lie under one of `allowedFolders`, links
-/// resolved. Throws Failure saying why not.
-std::string checkedAddress(const std::string& url, const std::vector<std::string>& allowedFolders);
+/// resolved, and is refused when the browser is `remote` (its files aren't ours to check).
+/// Throws Failure saying why not.
+std::string checkedAddress(const std::string& url, const std::vector<std::string>& allowedFolders,
+                           bool remote = false);
 
 /// Whether `path` (absolute) lies under one of `folders`, both compared after resolving links
 /// and "..".

@@ -10,9 +10,16 @@ Cdp::Cdp(std::unique_ptr<Transport> transport, EventListener event, ClosedListen
   reader = std::thread([this] { read(); });
 }
 
-Cdp::~Cdp() {
+Cdp::~Cdp() { end(); }
+
+void Cdp::end() {
   transport->shut();
   if (reader.joinable()) reader.join();
+}
+
+std::string Cdp::ending() {
+  std::lock_guard<std::mutex> guard(lock);
+  return endedBy;
 }
 
 int64_t Cdp::send(const std::string& method, const Json& params, const std::string& session,

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -22,7 +23,8 @@
 
 namespace nurel::browser {
 
-/// Where DevTools messages come from and go to: a pipe to a child Chromium, or a socket.
+/// Where DevTools messages come from and go to: a pipe to a child Chromium (PipeTransport), or
+/// a WebSocket to a browser elsewhere (WebSocketTransport).
 class Transport {
  public:
   virtual ~Transport() = default;
@@ -34,6 +36,10 @@ class Transport {
   virtual std::string receive(const std::function<void(std::string_view)>& message) = 0;
   /// Makes receive() return soon, from any thread.
   virtual void shut() = 0;
+
+  /// Messages larger than this end the transport: a full-page screenshot of a long page is the
+  /// largest thing Chromium sends.
+  static constexpr size_t maxMessage = size_t(1) << 30;
 };
 
 /// An error the browser answered a command with ("No node with given id found").
@@ -79,6 +85,10 @@ class Cdp {
 
   /// False once the transport has ended.
   bool alive() const { return open.load(); }
+  /// What ended the transport ("the browser closed the connection"), empty while it runs.
+  std::string ending();
+  /// Shuts the transport and waits for its reader to finish; calls in flight end BrowserLost.
+  void end();
 
   struct Pending;
   /// Sends a command whose answer is waited for with wait(), for a caller that may stop

@@ -36,10 +36,6 @@ class PipeTransport : public Transport {
   std::string receive(const std::function<void(std::string_view)>& message) override;
   void shut() override;
 
-  /// Messages larger than this end the pipe: a full-page screenshot of a long page is the
-  /// largest thing Chromium sends.
-  static constexpr size_t maxMessage = size_t(1) << 30;
-
  private:
   int toBrowser, fromBrowser;
   int wake[2] = {-1, -1};

@@ -151,6 +151,9 @@ void Browser::onDownload(const std::string& method, const Json& params) {
 
 Json Browser::downloads(const Json& params) {
   auto tab = tabFor(params);
+  if (remote())
+    throw Failure("downloads stay on the machine the browser runs on (NUREL_CDP_URL): nurel can't "
+                  "list or keep them here");
   double wanted = numberParam(params, "timeout", 60);
   if (wanted < 0) throw Failure("timeout takes a number of seconds, 0 or more");
   auto deadline = Clock::now() + std::chrono::milliseconds(int64_t(std::min(wanted, 86400.0) * 1000));
@@ -195,6 +198,9 @@ std::string Browser::downloadsSince(const std::shared_ptr<Tab>& tab, uint64_t be
 
 // Files for a page: each must be a file under a folder the person allows.
 std::vector<std::string> Browser::allowedFiles(const Json& given) {
+  if (remote())
+    throw Failure("the browser runs on another machine (NUREL_CDP_URL), which can't read this "
+                  "one's files: upload isn't available there");
   std::vector<std::string> paths;
   if (given.is_string()) paths.push_back(given.get<std::string>());
   if (given.is_array())

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -15,7 +16,7 @@
 
 namespace {
 
-const char* help = R"(Usage: nurel-browser
+const char* help = R"(Usage: nurel-browser [--cdp <url>]
 
 The browser that nurel drives on Linux: it answers nurel's socket by driving Chromium over
 the DevTools protocol. nurel starts it by itself when nothing answers; run it by hand only
@@ -34,6 +35,12 @@ folder also holds actions.jsonl, one line for each request that changed somethin
 why, and how it went; no typed text or secrets), and scenarios/*.json, the steps that run
 does. Downloads go to XDG_DOWNLOAD_DIR (user-dirs.dirs), else ~/Downloads.
 
+With --cdp <url> (or NUREL_CDP_URL) it starts no Chromium: it drives a browser that runs
+elsewhere, through its DevTools WebSocket (ws://, wss://) or the http:// address whose
+/json/version names it. If the connection breaks, the requests under way say so and the next
+one connects again, pausing 0.5 s, then twice as long each time up to 8 s, while it can't. On
+exit it closes the tabs it opened there, never that browser. file: pages are refused there.
+
 Environment:
   NUREL_SOCKET         the socket to listen on
   NUREL_CHROMIUM       the Chromium to run (else chromium, chromium-headless-shell,
@@ -43,6 +50,8 @@ Environment:
                        addresses) or given to pages (upload); none by default
   NUREL_TIMEOUT        seconds a page may take to load and a script to run (30)
   NUREL_IDLE_MINUTES   exit after this long with no connection and no request (30)
+  NUREL_CDP_URL        a remote browser's DevTools address, as --cdp
+  NUREL_CDP_HEADERS    headers for it (a pool's token), one "Name: value" a line; never shown
 
 It exits after the idle time, and on SIGTERM or SIGINT, closing Chromium and removing the
 socket.
@@ -59,11 +68,20 @@ std::string executablePath(const char* fallback) {
 
 int main(int argc, char** argv) {
   using namespace nurel;
+  std::optional<std::string> cdpURL;
   for (int i = 1; i < argc; ++i) {
     std::string word = argv[i];
     if (word == "--help" || word == "-h") {
       std::fputs(help, stdout);
       return 0;
+    }
+    if (word == "--cdp" || word.rfind("--cdp=", 0) == 0) {
+      if (word == "--cdp" && i + 1 == argc) {
+        std::fprintf(stderr, "nurel-browser: --cdp needs a browser's DevTools address\n");
+        return 1;
+      }
+      cdpURL = word == "--cdp" ? argv[++i] : word.substr(6);
+      continue;
     }
     std::fprintf(stderr, "nurel-browser: unknown argument %s (see nurel-browser --help)\n", argv[i]);
     return 1;
@@ -85,7 +103,9 @@ int main(int argc, char** argv) {
   }
 
   browser::Server::blockSignals();
-  browser::Browser agentBrowser(browser::Settings::fromEnvironment(dataHome + "/" + place.dataName));
+  browser::Settings settings = browser::Settings::fromEnvironment(dataHome + "/" + place.dataName);
+  if (cdpURL) settings.cdpURL = *cdpURL;
+  browser::Browser agentBrowser(std::move(settings));
   browser::Server server(
       [&agentBrowser](const std::string& method, const Json& params) {
         return agentBrowser.handle(method, params);
@@ -101,7 +121,8 @@ int main(int argc, char** argv) {
   // first request; if it can't, that request tries again and says why.
   std::thread([&agentBrowser] { agentBrowser.warmUp(); }).detach();
   server.run();
-  // Connections may still be inside a request: close Chromium under them, take the socket
+  // Connections may still be inside a request: close Chromium (or our tabs in a remote
+  // browser) under them, take the socket
   // away, and leave without unwinding what they use.
   agentBrowser.shutdown();
   server.close();

@@ -67,7 +67,7 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
 }
 
 std::string Browser::checkedURL(const std::string& url) {
-  return checkedAddress(url, settings.allowedFolders);
+  return checkedAddress(url, settings.allowedFolders, settings.remote());
 }
 
 Json Browser::tabs(const Json&) {

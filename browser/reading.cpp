@@ -453,6 +453,10 @@ Json Browser::ask(const Json& params) {
   auto tab = tabFor(params);
   std::string message = stringParam(params, "message");
   if (message.empty()) throw Failure("ask takes the message to show the person");
+  // Whether anyone watches a browser that runs elsewhere is the pool's to know, not ours.
+  if (settings.remote())
+    throw Failure("asking the person isn't available when the browser runs elsewhere "
+                  "(NUREL_CDP_URL)");
   if (!settings.headed)
     throw Failure("no one is watching this browser: it runs without a window. Start it with one "
                   "(NUREL_HEADED=1, with a display) for a person to answer");

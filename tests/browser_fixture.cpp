@@ -3,15 +3,23 @@
 #include "tests/browser_fixture.h"
 
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+
+#include "browser/chromium.h"
+#include "link/json.h"
 
 namespace nurel::testing {
 
@@ -88,26 +96,159 @@ Response page(const std::string& path) {
 HttpServer* server = nullptr;
 HttpServer* secondServer = nullptr;  // the same pages on another port: another origin
 BackEnd* sharedBackEnd = nullptr;
+RemoteChromium* remote = nullptr;
 
 class Shared : public ::testing::Environment {
  public:
   void SetUp() override {
     server = new HttpServer(page);
     secondServer = new HttpServer(page);
+    if (overWebSocket()) remote = new RemoteChromium();
     sharedBackEnd = new BackEnd();
   }
   void TearDown() override {
     delete sharedBackEnd;
     delete secondServer;
+    delete remote;
     delete server;
   }
 };
+
+// The Chromium the tests run: the first of chromium and chromium-headless-shell, resolving no
+// name but this machine's own, so that pages that name other hosts (the saved real pages do)
+// get no answer and nothing leaves the machine.
+void writeChromiumWrapper(const std::string& path) {
+  writeTestFile(path,
+                "#!/bin/sh\nfor name in chromium chromium-headless-shell; do\n"
+                "  if command -v $name >/dev/null; then exec $name "
+                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE localhost' \"$@\"; fi\n"
+                "done\nexit 127\n",
+                true);
+}
 
 const auto* environment = ::testing::AddGlobalTestEnvironment(new Shared);
 
 }  // namespace
 
 BackEnd& shared() { return *sharedBackEnd; }
+
+bool overWebSocket() {
+  const char* transport = std::getenv("NUREL_TEST_TRANSPORT");
+  return transport && std::string(transport) == "websocket";
+}
+
+RemoteChromium& sharedRemote() { return *remote; }
+
+RemoteChromium::RemoteChromium() {
+  writeChromiumWrapper(dir.file("chromium"));
+  start();
+}
+
+RemoteChromium::~RemoteChromium() { kill(); }
+
+void RemoteChromium::kill() {
+  if (child <= 0) return;
+  ::kill(-child, SIGKILL);
+  ::kill(child, SIGKILL);
+  while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  child = -1;
+}
+
+void RemoteChromium::start() {
+  kill();
+  std::string portFile = dir.file("profile/DevToolsActivePort");
+  std::filesystem::remove(portFile);
+  // The back end's own switches, with a port in place of the pipe.
+  std::vector<std::string> words = {dir.file("chromium")};
+  for (std::string word : browser::chromiumSwitches(dir.file("profile"), false)) {
+    if (word == "--remote-debugging-pipe") {
+      word = "--remote-debugging-port=" + std::to_string(port);
+      words.push_back("--remote-debugging-address=127.0.0.1");
+    }
+    words.push_back(word);
+  }
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::string log = dir.file("chromium.log");
+  size_t before = fileText(log).size();
+  pid_t parent = getpid();
+  child = fork();
+  if (child == 0) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    int null = open("/dev/null", O_RDWR);
+    int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(null, 0);
+    dup2(out, 1);
+    dup2(out, 2);
+    for (int fd = 3; fd < 1024; ++fd) close(fd);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  ASSERT_GT(child, 0);
+  if (port == 0) {
+    // On a port of its choosing, it says which in its profile.
+    ASSERT_TRUE(eventually([&] { return fileText(portFile).find('\n') != std::string::npos; }, 30s))
+        << "Chromium gave no DevTools port: " << fileText(log);
+    std::string active = fileText(portFile);
+    port = std::stoi(active.substr(0, active.find('\n')));
+    path = active.substr(active.find('\n') + 1);
+    path = path.substr(0, path.find('\n'));
+    return;
+  }
+  // On a port given, it writes no such file: the browser's new id is in what it prints.
+  std::string said = "DevTools listening on ws://127.0.0.1:" + std::to_string(port);
+  ASSERT_TRUE(eventually([&] {
+    std::string text = fileText(log).substr(before);
+    size_t at = text.find(said);
+    return at != std::string::npos && text.find('\n', at) != std::string::npos;
+  }, 30s)) << "Chromium didn't listen on its port again: " << fileText(log);
+  std::string text = fileText(log).substr(before);
+  size_t at = text.find(said) + said.size();
+  path = text.substr(at, text.find('\n', at) - at);
+}
+
+std::vector<std::string> RemoteChromium::pages() const {
+  // A plain GET of /json/list.
+  std::vector<std::string> found;
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(uint16_t(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(fd);
+    return found;
+  }
+  // HTTP/1.1, as Chromium's DevTools server hangs up on 1.0: the body is Content-Length long.
+  std::string request = "GET /json/list HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  if (write(fd, request.data(), request.size()) != ssize_t(request.size())) {
+    close(fd);
+    return found;
+  }
+  std::string answer;
+  size_t body = std::string::npos, length = 0;
+  char block[65536];
+  while (body == std::string::npos || answer.size() < body + 4 + length) {
+    ssize_t got = read(fd, block, sizeof block);
+    if (got <= 0) break;
+    answer.append(block, size_t(got));
+    if (body == std::string::npos && (body = answer.find("\r\n\r\n")) != std::string::npos) {
+      size_t field = answer.find("Content-Length:");
+      if (field == std::string::npos || field > body) break;
+      length = std::stoul(answer.substr(field + 15));
+    }
+  }
+  close(fd);
+  if (body == std::string::npos) return found;
+  Json list = parseDocument(answer.substr(body + 4));
+  for (const Json& target : list)
+    if (target.value("type", "") == "page") found.push_back(target.value("url", ""));
+  return found;
+}
 
 std::string url(const std::string& path) { return server->url(path); }
 
@@ -203,27 +344,22 @@ int connectTo(const std::string& path) {
 }
 
 BackEnd::BackEnd(const Env& extra) {
-  // The tests' Chromium resolves no name but this machine's own: pages that name other hosts
-  // (the saved real pages do) get no answer, and nothing leaves the machine. localhost is
-  // another site than 127.0.0.1, whose frames Chromium puts in processes of their own.
-  writeTestFile(dir.file("chromium"),
-                "#!/bin/sh\nfor name in chromium chromium-headless-shell; do\n"
-                "  if command -v $name >/dev/null; then exec $name "
-                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE localhost' \"$@\"; fi\n"
-                "done\nexit 127\n",
-                true);
+  writeChromiumWrapper(dir.file("chromium"));
   options.env = {{"NUREL_SOCKET", socket()},
                  {"XDG_DATA_HOME", dir.file("data")},
                  {"NUREL_TIMEOUT", "5"},
                  {"NUREL_IDLE_MINUTES", "10"},
                  {"NUREL_HEADED", std::nullopt},
                  {"NUREL_ALLOW_FILES", dir.file("allowed")},
-                 {"NUREL_CHROMIUM", dir.file("chromium")}};
+                 {"NUREL_CHROMIUM", dir.file("chromium")},
+                 {"NUREL_CDP_URL", std::nullopt},
+                 {"NUREL_CDP_HEADERS", std::nullopt}};
   // Downloads go where the person's user-dirs.dirs says: here, a folder of the test's.
   std::filesystem::create_directories(dir.file("config"));
   writeTestFile(dir.file("config/user-dirs.dirs"),
                 "# written by the test\nXDG_DOWNLOAD_DIR=\"" + dir.file("downloads") + "\"\n");
   options.env["XDG_CONFIG_HOME"] = dir.file("config");
+  if (overWebSocket()) options.env["NUREL_CDP_URL"] = sharedRemote().webSocketURL();
   for (auto& [name, value] : extra) options.env[name] = value;
   options.timeoutSeconds = 90;
   std::filesystem::create_directories(dir.file("allowed"));

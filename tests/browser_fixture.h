@@ -42,6 +42,42 @@ class BackEnd {
   TempDir dir;
 };
 
+/// A Chromium with its DevTools on a port of 127.0.0.1, as a browser pool runs one, with the
+/// switches and the name rules of the back ends' own. Started by the constructor.
+class RemoteChromium {
+ public:
+  RemoteChromium();
+  ~RemoteChromium();
+  RemoteChromium(const RemoteChromium&) = delete;
+  RemoteChromium& operator=(const RemoteChromium&) = delete;
+
+  /// "ws://127.0.0.1:<port>/devtools/browser/<id>", as its DevToolsActivePort says.
+  std::string webSocketURL() const { return "ws://127.0.0.1:" + std::to_string(port) + path; }
+  /// "http://127.0.0.1:<port>", whose /json/version names the WebSocket.
+  std::string httpURL() const { return "http://127.0.0.1:" + std::to_string(port); }
+  int portNumber() const { return port; }
+  pid_t pid() const { return child; }
+  /// Kills it and its helpers.
+  void kill();
+  /// Starts it (again): on any free port the first time, then on the same one.
+  void start();
+  /// Its targets of type page, as /json/list gives them (a few words each, for messages).
+  std::vector<std::string> pages() const;
+
+ private:
+  TempDir dir;
+  pid_t child = -1;
+  int port = 0;
+  std::string path;
+};
+
+/// True when the tests run over the WebSocket transport (NUREL_TEST_TRANSPORT=websocket, the
+/// ctest browser.websocket): every back end then drives one shared RemoteChromium through
+/// NUREL_CDP_URL instead of starting its own Chromium.
+bool overWebSocket();
+/// The shared remote Chromium, when overWebSocket().
+RemoteChromium& sharedRemote();
+
 /// The back end the tests share, each in tabs of its own.
 BackEnd& shared();
 /// The address of a test page: "http://127.0.0.1:<port>" + path.

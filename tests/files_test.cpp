@@ -21,6 +21,7 @@ std::string refOn(const std::string& snapshot, const std::string& part) {
 }
 
 TEST(Files, ADownloadByAClickIsToldWaitedForAndNeverOverwritesAnother) {
+  if (overWebSocket()) GTEST_SKIP() << "files are the remote machine's (Remote.FilesNameTheirLimit)";
   Response file;
   file.type = "text/csv";
   file.body = "a,b\n1,2\n";
@@ -61,6 +62,7 @@ TEST(Files, ADownloadByAClickIsToldWaitedForAndNeverOverwritesAnother) {
 }
 
 TEST(Files, UploadGivesAllowedFilesThroughTheFieldOrTheButtonThatOpensIt) {
+  if (overWebSocket()) GTEST_SKIP() << "files are the remote machine's (Remote.FilesNameTheirLimit)";
   servePage("/upload", R"html(<title>Upload</title>
 <label>Photo <input type=file id=photo onchange="out.textContent = Array.from(this.files).map((f) => f.name + ':' + f.size).join(',')"></label>
 <input type=file id=picker multiple style="display:none" onchange="more.textContent = Array.from(this.files).map((f) => f.name).join(',')">
@@ -104,6 +106,7 @@ TEST(Files, UploadGivesAllowedFilesThroughTheFieldOrTheButtonThatOpensIt) {
 }
 
 TEST(Files, UploadWithNoAllowedFolderSaysHowToAllowOne) {
+  if (overWebSocket()) GTEST_SKIP() << "files are the remote machine's (Remote.FilesNameTheirLimit)";
   BackEnd own({{"NUREL_ALLOW_FILES", std::nullopt}});
   servePage("/upload-none", "<title>Upload</title><input type=file aria-label=Photo>");
   std::string tab = own.open(url("/upload-none"));
@@ -113,6 +116,17 @@ TEST(Files, UploadWithNoAllowedFolderSaysHowToAllowOne) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.err, "no folder is allowed for uploads: allow one with NUREL_ALLOW_FILES (folders "
                          "separated by colons) in the environment nurel starts from\n");
+}
+
+TEST(Remote, FilesNameTheirLimit) {
+  if (!overWebSocket()) GTEST_SKIP() << "for a browser that runs elsewhere";
+  servePage("/remote-files", "<title>Files</title><input type=file aria-label=Photo>");
+  std::string tab = shared().open(url("/remote-files"));
+  EXPECT_EQ(shared().nurel({"downloads", tab}).err,
+            "downloads stay on the machine the browser runs on (NUREL_CDP_URL): nurel can't list or keep them here\n");
+  EXPECT_EQ(shared().nurel({"upload", tab, "e1", "a.txt"}).err,
+            "the browser runs on another machine (NUREL_CDP_URL), which can't read this one's files: "
+            "upload isn't available there\n");
 }
 
 std::vector<Json> logLines(const BackEnd& backEnd, const std::string& tab) {

@@ -40,6 +40,8 @@ check "the package's files" "$(words ./usr/bin/nurel ./usr/$bundle/Info.plist \
 check "package name" "nurel" "$(dpkg-deb -f "$deb" Package 2>&1)"
 check_contains "depends on the property-list library it links" \
     "$(dpkg-deb -f "$deb" Depends 2>&1)" "libplist"
+check_contains "depends on OpenSSL, which wss:// browsers need" \
+    "$(dpkg-deb -f "$deb" Depends 2>&1)" "libssl"
 check_contains "depends on Chromium, which its browser drives" \
     "$(dpkg-deb -f "$deb" Depends 2>&1)" "chromium | chromium-headless-shell"
 
