@@ -140,23 +140,8 @@ std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::st
   return text.empty() ? "the page is empty" : text;
 }
 
-Json Browser::snapshot(const Json& params) {
-  auto tab = tabFor(params);
-  std::string mode = flagParam(params, "interactive") ? "interactive"
-                     : flagParam(params, "viewport")  ? "viewport"
-                                                      : "full";
-  std::string text = snapshotText(tab, mode);
-  std::string answer = text;
-  if (flagParam(params, "diff")) {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    auto last = tab->lastSnapshot.find(mode);
-    if (last != tab->lastSnapshot.end()) answer = difference(last->second, text);
-  }
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    tab->lastSnapshot[mode] = text;
-  }
-  double limit = numberParam(params, "limit", double(snapshotLimit));
+std::string snapshotAnswer(const std::string& text, const std::string* last, double limit) {
+  std::string answer = last ? difference(*last, text) : text;
   if (limit > 0) {
     bool cut = false;
     size_t total = 0;
@@ -170,6 +155,23 @@ Json Browser::snapshot(const Json& params) {
     }
   }
   return answer;
+}
+
+Json Browser::snapshot(const Json& params) {
+  auto tab = tabFor(params);
+  std::string mode = flagParam(params, "interactive") ? "interactive"
+                     : flagParam(params, "viewport")  ? "viewport"
+                                                      : "full";
+  std::string text = snapshotText(tab, mode);
+  std::optional<std::string> last;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    auto found = tab->lastSnapshot.find(mode);
+    if (flagParam(params, "diff") && found != tab->lastSnapshot.end()) last = found->second;
+    tab->lastSnapshot[mode] = text;
+  }
+  double limit = numberParam(params, "limit", double(snapshotLimit));
+  return snapshotAnswer(text, last ? &*last : nullptr, limit);
 }
 
 int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {

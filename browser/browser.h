@@ -230,6 +230,11 @@ class Browser {
 /// resolved. Throws Failure saying why not.
 std::string checkedAddress(const std::string& url, const std::vector<std::string>& allowedFolders);
 
+/// What a snapshot answers for `text`: its lines against `last` (the tab's previous snapshot in
+/// the same mode) when given, cut at `limit` characters (none when 0 or less) with a last line
+/// that says so. Pure, for the fuzzer.
+std::string snapshotAnswer(const std::string& text, const std::string* last, double limit);
+
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);
 /// A boolean parameter: true, or a string "true"/"1"; false otherwise.
