@@ -560,6 +560,18 @@ Json Browser::handle(const std::string& method, const Json& params) {
   }
   try {
     return (this->*(found->second))(params.is_object() ? params : Json::object());
+  } catch (const Failure& failure) {
+    // A tab that went because Chromium did (a request waiting on it, or the next one): the
+    // agent hears that the browser went, not that someone closed the tab.
+    std::shared_ptr<Engine> gone;
+    {
+      std::lock_guard<std::mutex> guard(engineLock);
+      gone = current;
+    }
+    if (gone && !gone->cdp->alive() &&
+        std::string_view(failure.what()).find(": it was closed") != std::string_view::npos)
+      if (auto line = lost(gone)) throw Failure(*line);
+    throw;
   } catch (const CdpError& error) {
     throw Failure(method + " failed: " + error.what());
   } catch (const NoAnswer& error) {
