@@ -514,9 +514,11 @@ Json Browser::inspect(const Json& params) {
 Json Browser::dialog(const Json& params) {
   auto tab = tabFor(params, true);
   std::optional<Json> showing;
+  uint64_t opened;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
     showing = tab->dialog;
+    opened = tab->dialogsOpened;
   }
   if (!showing) throw Failure(tab->id + " shows no dialog");
   bool accept = flagParam(params, "accept");
@@ -525,8 +527,9 @@ Json Browser::dialog(const Json& params) {
   if (params.contains("text")) answer["promptText"] = text;
   call("Page.handleJavaScriptDialog", answer, tab->session);
   {
+    // The page may have opened its next dialog before Chromium's answer came.
     std::lock_guard<std::mutex> guard(tab->lock);
-    tab->dialog.reset();
+    if (tab->dialogsOpened == opened) tab->dialog.reset();
   }
   std::string what = showing->value("type", "alert") + " " + quote(showing->value("message", ""));
   return std::string(accept ? "accepted " : "dismissed ") + what +

@@ -301,6 +301,7 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
   } else if (method == "Page.javascriptDialogOpening") {
     tab->dialog = params;
+    ++tab->dialogsOpened;
   } else if (method == "Page.javascriptDialogClosed") {
     tab->dialog.reset();
   } else if (method == "Page.loadEventFired") {

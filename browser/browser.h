@@ -64,6 +64,7 @@ struct Tab {
   uint64_t startedLoading = 0;        // loads the main frame has started
   std::vector<std::string> opened;    // targets the page opened, not yet made tabs
   std::optional<Json> dialog;         // the JavaScript dialog showing, if any
+  uint64_t dialogsOpened = 0;         // so that answering one never clears the next
 
   // Refs: numbers go up across the tab's documents; each run of them belongs to one document.
   int nextRef = 1;
