@@ -202,6 +202,17 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
 
 Json Browser::call(const std::string& method, const Json& params, const std::string& session,
                    std::chrono::milliseconds timeout) {
+  if (!session.empty()) {
+    // A tab's call belongs to the Chromium the tab was in: when that one has gone, a request
+    // still running on the tab says so, and leaves starting a fresh one to the next request.
+    std::shared_ptr<Engine> was;
+    {
+      std::lock_guard<std::mutex> guard(engineLock);
+      was = current;
+    }
+    if (was && !was->cdp->alive())
+      if (auto line = lost(was)) throw Failure(*line);
+  }
   std::shared_ptr<Engine> running = engine();
   try {
     return running->cdp->call(method, params, session, timeout);
