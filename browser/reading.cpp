@@ -59,6 +59,7 @@ std::string withSeconds(double seconds) {
 Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
                       Library library) {
   auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  auto started = Clock::now();
   for (int attempt = 0;; ++attempt) {
     int context;
     {
@@ -110,6 +111,10 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
                     std::to_string(settings.scriptTime.count()) +
                     " s: a script of its own kept it busy, and was stopped");
     } catch (const CdpError& error) {
+      // Chromium ends a script stopped at its time limit with an internal error.
+      if (Clock::now() - started >= settings.scriptTime)
+        throw Failure("reading the page in " + tab->id + " took more than " +
+                      std::to_string(settings.scriptTime.count()) + " s, and was stopped");
       // The document changed under us and took the world with it: once more in the new one.
       std::string text = error.what();
       if (attempt > 0 || text.find("context") == std::string::npos) throw;
