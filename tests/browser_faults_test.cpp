@@ -274,11 +274,13 @@ for (let i = 0; i < 100000; ++i)
   parts.push(i % 10 ? '<span>item ' + i + '</span>' : '<a href="#' + i + '">link ' + i + '</a>');
 document.getElementById('m').innerHTML = parts.join('');
 </script>)html");
-  std::string tab = shared().open(url("/huge"));
-  EXPECT_EQ(shared().nurel({"eval", tab, "return document.querySelectorAll('main *').length"}).out,
+  // A back end of its own with the usual script time: on a busy machine five seconds may not do.
+  BackEnd place(Env{{"NUREL_TIMEOUT", "30"}});
+  std::string tab = place.open(url("/huge"));
+  EXPECT_EQ(place.nurel({"eval", tab, "return document.querySelectorAll('main *').length"}).out,
             "100000\n");
   auto start = Clock::now();
-  Outcome snapshot = shared().nurel({"snapshot", tab});
+  Outcome snapshot = place.nurel({"snapshot", tab});
   double took = millisecondsSince(start);
   EXPECT_EQ(snapshot.status, 0) << snapshot.err;
   const std::string note = " characters: take it interactive or viewport for less, or save it "
@@ -288,12 +290,11 @@ document.getElementById('m').innerHTML = parts.join('');
   EXPECT_NE(snapshot.out.find("\n[cut at 40000 of "), std::string::npos);
   EXPECT_LT(snapshot.out.size(), 50000u);
   auto viewportStart = Clock::now();
-  Outcome viewport = shared().nurel({"snapshot", tab, "--viewport"});
+  Outcome viewport = place.nurel({"snapshot", tab, "--viewport"});
   double viewportTook = millisecondsSince(viewportStart);
   EXPECT_EQ(viewport.status, 0) << viewport.err;
   std::cout << "[ figures  ] a snapshot of 100,000 elements: " << took << " ms for the whole page, "
             << viewportTook << " ms for the screen's part\n";
-  shared().nurel({"close", tab});
 }
 
 TEST(HostilePages, APageThatNavigatesItselfEveryTenthOfASecondGetsAnswers) {
@@ -385,11 +386,13 @@ TEST(BrowserCrashes, ACrashWhileARequestWaitsOnThePageAnswersItAtOnce) {
   Connection pending(shared().socket());
   pending.request(1, "eval", {{"tab", tab}, {"script", "await new Promise(() => {})"}});
   std::this_thread::sleep_for(300ms);
+  // The navigation itself may end as aborted before Chromium tells of the crash.
   Outcome crashed = shared().nurel({"navigate", tab, "chrome://crash"});
-  EXPECT_EQ(crashed.err, "the page in " + tab + " crashed: reload it\n");
+  EXPECT_TRUE(crashed.err == "the page in " + tab + " crashed: reload it\n" ||
+              crashed.err == "couldn't load chrome://crash: net::ERR_ABORTED\n")
+      << crashed.err;
   Json answer = reply(pending.next());
-  EXPECT_NE(errorOf(answer), "") << answer.dump();
-  std::cout << "[ answer   ] an eval pending when its page crashed: " << errorOf(answer) << "\n";
+  EXPECT_EQ(errorOf(answer), "the page in " + tab + " crashed: reload it") << answer.dump();
   EXPECT_EQ(shared().nurel({"reload", tab}).status, 0);
   EXPECT_EQ(shared().nurel({"eval", tab, "return document.title"}).out, "Home\n");
   shared().nurel({"close", tab});
