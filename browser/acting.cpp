@@ -419,23 +419,8 @@ std::pair<double, double> Browser::toTop(const std::shared_ptr<Tab>& tab, const 
   return {x, y};
 }
 
-Json Browser::snapshot(const Json& params) {
-  auto tab = tabFor(params);
-  std::string mode = flagParam(params, "interactive") ? "interactive"
-                     : flagParam(params, "viewport")  ? "viewport"
-                                                      : "full";
-  std::string text = snapshotText(tab, mode);
-  std::string answer = text;
-  if (flagParam(params, "diff")) {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    auto last = tab->lastSnapshot.find(mode);
-    if (last != tab->lastSnapshot.end()) answer = difference(last->second, text);
-  }
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    tab->lastSnapshot[mode] = text;
-  }
-  double limit = numberParam(params, "limit", double(snapshotLimit));
+std::string snapshotAnswer(const std::string& text, const std::string* last, double limit) {
+  std::string answer = last ? difference(*last, text) : text;
   if (limit > 0) {
     bool cut = false;
     size_t total = 0;
@@ -449,6 +434,23 @@ Json Browser::snapshot(const Json& params) {
     }
   }
   return answer;
+}
+
+Json Browser::snapshot(const Json& params) {
+  auto tab = tabFor(params);
+  std::string mode = flagParam(params, "interactive") ? "interactive"
+                     : flagParam(params, "viewport")  ? "viewport"
+                                                      : "full";
+  std::string text = snapshotText(tab, mode);
+  std::optional<std::string> last;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    auto found = tab->lastSnapshot.find(mode);
+    if (flagParam(params, "diff") && found != tab->lastSnapshot.end()) last = found->second;
+    tab->lastSnapshot[mode] = text;
+  }
+  double limit = numberParam(params, "limit", double(snapshotLimit));
+  return snapshotAnswer(text, last ? &*last : nullptr, limit);
 }
 
 int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {
@@ -918,9 +920,11 @@ Json Browser::inspect(const Json& params) {
 Json Browser::dialog(const Json& params) {
   auto tab = tabFor(params, true);
   std::optional<Json> showing;
+  uint64_t opened;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
     showing = tab->dialog;
+    opened = tab->dialogsOpened;
   }
   if (!showing) throw Failure(tab->id + " shows no dialog");
   bool accept = flagParam(params, "accept");
@@ -929,8 +933,9 @@ Json Browser::dialog(const Json& params) {
   if (params.contains("text")) answer["promptText"] = text;
   call("Page.handleJavaScriptDialog", answer, tab->session);
   {
+    // The page may have opened its next dialog before Chromium's answer came.
     std::lock_guard<std::mutex> guard(tab->lock);
-    tab->dialog.reset();
+    if (tab->dialogsOpened == opened) tab->dialog.reset();
   }
   std::string what = showing->value("type", "alert") + " " + quote(showing->value("message", ""));
   return std::string(accept ? "accepted " : "dismissed ") + what +

@@ -332,6 +332,17 @@ void Browser::connectRemote(Engine& fresh) {
 
 Json Browser::call(const std::string& method, const Json& params, const std::string& session,
                    std::chrono::milliseconds timeout) {
+  if (!session.empty()) {
+    // A tab's call belongs to the Chromium the tab was in: when that one has gone, a request
+    // still running on the tab says so, and leaves starting a fresh one to the next request.
+    std::shared_ptr<Engine> was;
+    {
+      std::lock_guard<std::mutex> guard(engineLock);
+      was = current;
+    }
+    if (was && !was->cdp->alive())
+      if (auto line = lost(was)) throw Failure(*line);
+  }
   std::shared_ptr<Engine> running = engine();
   try {
     return running->cdp->call(method, params, session, timeout);
@@ -467,6 +478,7 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     tab->chooser = params;
   } else if (method == "Page.javascriptDialogOpening") {
     tab->dialog = params;
+    ++tab->dialogsOpened;
   } else if (method == "Input.dragIntercepted") {
     tab->dragged = params.value("data", Json::object());
   } else if (method == "Page.javascriptDialogClosed") {
@@ -792,6 +804,18 @@ Json Browser::handle(const std::string& method, const Json& params) {
 Json Browser::perform(Handler handler, const std::string& method, const Json& params) {
   try {
     return (this->*handler)(params);
+  } catch (const Failure& failure) {
+    // A tab that went because Chromium did (a request waiting on it, or the next one): the
+    // agent hears that the browser went, not that someone closed the tab.
+    std::shared_ptr<Engine> gone;
+    {
+      std::lock_guard<std::mutex> guard(engineLock);
+      gone = current;
+    }
+    if (gone && !gone->cdp->alive() &&
+        std::string_view(failure.what()).find(": it was closed") != std::string_view::npos)
+      if (auto line = lost(gone)) throw Failure(*line);
+    throw;
   } catch (const CdpError& error) {
     throw Failure(method + " failed: " + error.what());
   } catch (const NoAnswer& error) {

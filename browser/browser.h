@@ -84,6 +84,7 @@ struct Tab {
   uint64_t downloadsStarted = 0;
   bool asking = false;                // ask is waiting for the person: no actions meanwhile
   std::optional<Json> dragged;        // what the browser began to drag, caught for a drag
+  uint64_t dialogsOpened = 0;         // so that answering one never clears the next
 
   // Refs: numbers go up across the tab's documents; each run of them belongs to one document:
   // the main frame's, or that of a frame whose document the main frame's world can't read
@@ -363,6 +364,11 @@ std::string downloadsFolder();
 /// The method a step of a batch or scenario calls for its tool ("select_option": "choose"), or
 /// "" when a step may not name that tool.
 std::string stepMethod(const std::string& tool);
+
+/// What a snapshot answers for `text`: its lines against `last` (the tab's previous snapshot in
+/// the same mode) when given, cut at `limit` characters (none when 0 or less) with a last line
+/// that says so. Pure, for the fuzzer.
+std::string snapshotAnswer(const std::string& text, const std::string* last, double limit);
 
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);

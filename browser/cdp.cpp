@@ -1,9 +1,55 @@
 // browser/cdp.cpp: commands, replies and events over a DevTools transport.
 #include "browser/cdp.h"
 
+#include <string>
 #include <utility>
 
 namespace nurel::browser {
+
+namespace {
+
+// JavaScript strings may hold lone surrogates (a title cut in the middle of an emoji), and
+// Chromium writes them as \ud800 escapes, which no UTF-8 reader takes. Each becomes U+FFFD, as
+// bytes that are not UTF-8 do elsewhere; pairs stay.
+std::string withoutLoneSurrogates(std::string_view text) {
+  auto unit = [&](size_t at) -> int {
+    if (at + 6 > text.size() || text[at] != '\\' || text[at + 1] != 'u') return -1;
+    int value = 0;
+    for (size_t i = at + 2; i < at + 6; ++i) {
+      char c = text[i];
+      int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+      if (digit < 0) return -1;
+      value = value * 16 + digit;
+    }
+    return value;
+  };
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    if (text[i] != '\\' || i + 1 >= text.size()) {
+      out.push_back(text[i++]);
+      continue;
+    }
+    int first = unit(i);
+    if (first < 0xD800 || first > 0xDFFF) {
+      out.append(text.substr(i, 2));  // any other escape, whole
+      i += 2;
+      continue;
+    }
+    int second = unit(i + 6);
+    if (first <= 0xDBFF && second >= 0xDC00 && second <= 0xDFFF) {
+      out.append(text.substr(i, 12));
+      i += 12;
+    } else {
+      out.append("\\ufffd");
+      i += 6;
+    }
+  }
+  return out;
+}
+
+}  // namespace
 
 Cdp::Cdp(std::unique_ptr<Transport> transport, EventListener event, ClosedListener closed)
     : transport(std::move(transport)), event(std::move(event)), closed(std::move(closed)) {
@@ -86,7 +132,11 @@ void Cdp::dispatch(std::string_view text) {
   try {
     message = parseDocument(text);
   } catch (const JsonError&) {
-    return;  // nothing to match it to
+    try {
+      message = parseDocument(withoutLoneSurrogates(text));
+    } catch (const JsonError&) {
+      return;  // nothing to match it to
+    }
   }
   if (!message.is_object()) return;
   auto id = message.find("id");

@@ -62,6 +62,7 @@ std::string withSeconds(double seconds) {
 Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
                       Library library) {
   auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(settings.scriptTime);
+  auto started = Clock::now();
   for (int attempt = 0;; ++attempt) {
     int context;
     {
@@ -71,7 +72,8 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
     try {
       if (context == 0) {
         Json made = call("Page.createIsolatedWorld",
-                         {{"frameId", tab->targetId}, {"worldName", worldName}}, tab->session);
+                         {{"frameId", tab->targetId}, {"worldName", worldName}}, tab->session,
+                         timeout);
         context = made.value("executionContextId", 0);
         std::lock_guard<std::mutex> guard(tab->lock);
         tab->world = context;
@@ -82,12 +84,12 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
                           {{"expression", page ? "typeof __nurel === 'object'"
                                                : "typeof Readability === 'function'"},
                            {"contextId", context}, {"returnByValue", true}},
-                          tab->session);
+                          tab->session, timeout);
         if (!there["result"].value("value", false))
           call("Runtime.evaluate",
                {{"expression", std::string(page ? scripts::page : scripts::readability)},
                 {"contextId", context}},
-               tab->session);
+               tab->session, timeout);
       }
       Json answer = call("Runtime.evaluate",
                          {{"expression", expression},
@@ -99,7 +101,23 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
       if (auto details = answer.find("exceptionDetails"); details != answer.end())
         throw Failure("couldn't read the page: " + thrown(*details));
       return answer["result"].value("value", Json());
+    } catch (const NoAnswer&) {
+      // A script of the page's own holds its one thread (an endless loop): stop it, as eval
+      // stops one of the agent's, so that the tab answers again.
+      std::shared_ptr<Engine> running;
+      {
+        std::lock_guard<std::mutex> guard(engineLock);
+        running = current;
+      }
+      if (running) running->cdp->post("Runtime.terminateExecution", Json::object(), tab->session);
+      throw Failure("the page in " + tab->id + " didn't answer in " +
+                    std::to_string(settings.scriptTime.count()) +
+                    " s: a script of its own kept it busy, and was stopped");
     } catch (const CdpError& error) {
+      // Chromium ends a script stopped at its time limit with an internal error.
+      if (Clock::now() - started >= settings.scriptTime)
+        throw Failure("reading the page in " + tab->id + " took more than " +
+                      std::to_string(settings.scriptTime.count()) + " s, and was stopped");
       // The document changed under us and took the world with it: once more in the new one.
       std::string text = error.what();
       if (attempt > 0 || text.find("context") == std::string::npos) throw;

@@ -244,6 +244,21 @@ TEST(Cdp, CallsInFlightFailWhenTheBrowserGoesAndLaterOnesAtOnce) {
   EXPECT_EQ(closedWith, "the fake ended");
 }
 
+TEST(Cdp, LoneSurrogatesInAReplyBecomeReplacementCharacters) {
+  auto owned = std::make_unique<FakeTransport>();
+  FakeTransport& fake = *owned;
+  Cdp cdp(std::move(owned), [](const std::string&, const Json&, const std::string&) {},
+          [](const std::string&) {});
+  std::thread browser([&] {
+    fake.waitSent(0);
+    // A high one alone, a low one alone, one at the end, a pair, and a backslash before a u.
+    fake.deliver(R"({"id":1,"result":{"t":"a\ud800b\udc00c\ud83d\ude00\\ud800\ud83d"}})");
+  });
+  Json answer = cdp.call("Runtime.evaluate", Json::object(), {}, std::chrono::seconds(10));
+  browser.join();
+  EXPECT_EQ(answer["t"], "a\xef\xbf\xbd" "b\xef\xbf\xbd" "c\xf0\x9f\x98\x80\\ud800\xef\xbf\xbd");
+}
+
 TEST(Cdp, NoAnswerInTimeIsSaid) {
   Cdp cdp(std::make_unique<FakeTransport>(), [](const std::string&, const Json&, const std::string&) {},
           [](const std::string&) {});

@@ -40,4 +40,19 @@ std::string checkReplyStream(const uint8_t* data, size_t size);
 /// some array or object (when they are not, since invalid bytes are replaced).
 std::string checkPrinted(const uint8_t* data, size_t size);
 
+// The back end's (fuzz/browser_checks.cpp, Linux only).
+
+/// The back end's request lines. The input is split at line feeds as a connection's lines are;
+/// each goes through respond() to a back end that cannot start Chromium. A line gets an answer
+/// exactly when it is a JSON object with an "id": one line of valid UTF-8 that reads back as
+/// {"id": the same id, "result" or a non-empty "error"}. No request may start Chromium.
+std::string checkRequestLines(const uint8_t* data, size_t size);
+
+/// What the back end makes of a page's snapshot text: the diff against the last one and the cut
+/// at a limit. The first byte picks diff and the limit, the next two where the input splits
+/// into the last snapshot and this one. The diff must count and show the least lines added and
+/// removed; a cut one keeps the start at a line's end within the limit and says so; valid UTF-8
+/// stays valid.
+std::string checkSnapshotAnswer(const uint8_t* data, size_t size);
+
 }  // namespace nurel::fuzz

@@ -5,10 +5,10 @@
 #   fuzz/run.sh build-fuzz reply 60
 #   fuzz/run.sh build-fuzz cli 0 -runs=10000000 -jobs=2 -workers=2
 #
-# Targets: cli, mcp_line, reply, printed. The seeds in fuzz/corpus/<target> are copied into a
-# scratch corpus, so what the fuzzer finds never lands in the repository by itself; a crashing
-# input is written to <build folder>/fuzz-<target>/crash-*, and belongs in fuzz/corpus/<target>
-# once its fix is in.
+# Targets: cli, mcp_line, reply, printed, and the back end's request and snapshot. The seeds in
+# fuzz/corpus/<target> are copied into a scratch corpus, so what the fuzzer finds never lands in
+# the repository by itself; a crashing input is written to <build folder>/fuzz-<target>/crash-*,
+# and belongs in fuzz/corpus/<target> once its fix is in.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "$1" && pwd)" target="$2" seconds="$3"

@@ -35,6 +35,10 @@ TEST(FuzzCorpus, CommandLines) { EXPECT_LT(40u, replay("cli", checkCommandLine))
 TEST(FuzzCorpus, McpLines) { EXPECT_LT(10u, replay("mcp_line", checkMcpLines)); }
 TEST(FuzzCorpus, ReplyStreams) { EXPECT_LT(10u, replay("reply", checkReplyStream)); }
 TEST(FuzzCorpus, PrintedValues) { EXPECT_LT(5u, replay("printed", checkPrinted)); }
+#ifdef __linux__
+TEST(FuzzCorpus, BackEndRequestLines) { EXPECT_LT(10u, replay("request", checkRequestLines)); }
+TEST(FuzzCorpus, SnapshotAnswers) { EXPECT_LT(10u, replay("snapshot", checkSnapshotAnswer)); }
+#endif
 
 // The checks themselves must be able to fail, or the fuzzers prove nothing.
 TEST(FuzzChecks, Utf8Validity) {
@@ -48,6 +52,24 @@ TEST(FuzzChecks, AnArgumentVectorThatIsNotUtf8MayFailToSerialise) {
   std::string open = std::string("\x01", 1) + "\xff\xfe";
   EXPECT_EQ("", checkCommandLine(reinterpret_cast<const uint8_t*>(open.data()), open.size()));
 }
+
+#ifdef __linux__
+TEST(FuzzChecks, TheSnapshotCheckTellsAWrongDiffAndAMissingNote) {
+  auto check = [](uint8_t flags, const std::string& last, const std::string& text) {
+    std::string input = std::string(1, char(flags)) + char(last.size() >> 8) +
+                        char(last.size() & 0xff) + last + text;
+    return checkSnapshotAnswer(reinterpret_cast<const uint8_t*>(input.data()), input.size());
+  };
+  EXPECT_EQ("", check(1, "a\nb\nc\n", "a\nc\nd\n"));
+  EXPECT_EQ("", check(2 * 5, "", "line one\nline two\n"));  // cut at 7 characters
+}
+
+TEST(FuzzChecks, TheRequestCheckWantsOneAnswerPerRequest) {
+  std::string lines = "{\"id\":1,\"method\":\"hello\"}\nnot json\n{\"id\":2,\"method\":\"open\","
+                      "\"params\":{\"url\":\"http://127.0.0.1:1/\"}}\n";
+  EXPECT_EQ("", checkRequestLines(reinterpret_cast<const uint8_t*>(lines.data()), lines.size()));
+}
+#endif
 
 // What the fuzzers found, each pinned down where it was fixed.
 

@@ -33,7 +33,7 @@ echo "== fuzzing: each target for a minute from its seeds =="
 cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DNUREL_FUZZ=ON -DNUREL_SANITIZE=ON \
   -DBUILD_TESTING=OFF -DNUREL_WERROR=ON >/dev/null
 cmake --build build-fuzz -j "$jobs" --target nurel_fuzzers
-for target in cli mcp_line reply printed; do
+for target in cli mcp_line reply printed request snapshot; do
   log="build-fuzz/fuzz-$target.log"
   if ! fuzz/run.sh build-fuzz "$target" 60 >"$log" 2>&1; then
     tail -n 60 "$log"
