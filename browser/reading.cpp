@@ -91,13 +91,31 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
                 {"contextId", context}},
                tab->session, timeout);
       }
-      Json answer = call("Runtime.evaluate",
-                         {{"expression", expression},
-                          {"contextId", context},
-                          {"returnByValue", true},
-                          {"awaitPromise", true},
-                          {"timeout", timeout.count()}},
-                         tab->session, timeout + std::chrono::seconds(5));
+      // A dialog the page opens meanwhile stops it, and Chromium's answer with it: say so at
+      // once rather than wait out the time.
+      std::shared_ptr<Engine> running = engine();
+      auto reply = running->cdp->start("Runtime.evaluate", {{"expression", expression},
+                                                            {"contextId", context},
+                                                            {"returnByValue", true},
+                                                            {"awaitPromise", true},
+                                                            {"timeout", timeout.count()}},
+                                       tab->session);
+      auto deadline = Clock::now() + timeout + std::chrono::seconds(5);
+      while (!running->cdp->wait(reply, std::chrono::milliseconds(20))) {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        if (tab->dialog) {
+          running->cdp->forget(reply);
+          throw Failure(tab->id + " is showing a dialog (" + tab->dialog->value("type", "alert") + " " +
+                        quote(tab->dialog->value("message", "")) +
+                        "): answer it with dialog (accept or dismiss) first");
+        }
+        if (tab->gone || Clock::now() > deadline) {
+          running->cdp->forget(reply);
+          if (tab->gone) throw Failure("no tab " + tab->id + ": it was closed");
+          throw NoAnswer("no answer in time");
+        }
+      }
+      Json answer = reply->result;
       if (auto details = answer.find("exceptionDetails"); details != answer.end())
         throw Failure("couldn't read the page: " + thrown(*details));
       return answer["result"].value("value", Json());
