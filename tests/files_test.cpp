@@ -77,6 +77,7 @@ TEST(Files, UploadGivesAllowedFilesThroughTheFieldOrTheButtonThatOpensIt) {
   std::string field = refOn(s, "\"Photo\""), button = refOn(s, "button \"Choose files\"");
   ASSERT_NE(field, "") << s;
   ASSERT_NE(button, "") << s;
+  EXPECT_EQ(refOn(s, "button \"Photo\""), field) << "a file field is a button that opens a chooser\n" << s;
 
   Outcome given = shared().nurel({"upload", tab, field, allowed + "/a.txt"});
   ASSERT_EQ(given.status, 0) << given.err;

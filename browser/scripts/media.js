@@ -30,9 +30,14 @@
     return n;
   };
   const seekTo = async (seconds) => {
+    if (media.seekable.length === 0)
+      throw new Error('this ' + media.localName + ' can\'t be moved in: its server sends it only from the start');
     const end = Number.isFinite(media.duration) ? media.duration : Infinity;
-    media.currentTime = Math.min(Math.max(0, seconds), end);
+    const target = Math.min(Math.max(0, seconds), end);
+    media.currentTime = target;
     if (media.seeking) await until('seeked', 3000);
+    if (Math.abs(media.currentTime - target) > 1)
+      throw new Error('it stayed at ' + Math.floor(media.currentTime) + ' s: its server may send it only from the start');
   };
   // The site's own next and previous: the buttons a person would press.
   const press = (words) => {

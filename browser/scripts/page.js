@@ -92,13 +92,14 @@
       case 'input': {
         const type = (element.getAttribute('type') || 'text').toLowerCase();
         if (type === 'hidden') return 'none';
-        if (['button', 'submit', 'reset', 'image'].includes(type)) return 'button';
+        // A file field is a button that opens a chooser: upload gives it files.
+        if (['button', 'submit', 'reset', 'image', 'file'].includes(type)) return 'button';
         if (type === 'checkbox') return 'checkbox';
         if (type === 'radio') return 'radio';
         if (type === 'range') return 'slider';
         if (type === 'number') return 'spinbutton';
         if (type === 'search') return element.hasAttribute('list') ? 'combobox' : 'searchbox';
-        if (['color', 'date', 'datetime-local', 'month', 'time', 'week', 'file'].includes(type))
+        if (['color', 'date', 'datetime-local', 'month', 'time', 'week'].includes(type))
           return 'textbox';
         return element.hasAttribute('list') ? 'combobox' : 'textbox';
       }
