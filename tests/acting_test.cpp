@@ -13,16 +13,6 @@
 namespace nurel::testing {
 namespace {
 
-// The ref on the snapshot line that holds `part`, or "".
-std::string refOn(const std::string& snapshot, const std::string& part) {
-  size_t at = snapshot.find(part);
-  if (at == std::string::npos) return "";
-  size_t end = snapshot.find('\n', at);
-  size_t ref = snapshot.find("[ref=", at);
-  if (ref == std::string::npos || ref > end) return "";
-  return snapshot.substr(ref + 5, snapshot.find(']', ref) - ref - 5);
-}
-
 const char* formPage = R"html(<title>Form</title>
 <main><h1>Sign up</h1><p>Please fill in <b>all</b> fields.</p>
 <form aria-label="Signup" onsubmit="event.preventDefault();

@@ -269,6 +269,15 @@ void serve(const std::string& path, const Response& response) {
   extraPages()[path] = response;
 }
 
+std::string refOn(const std::string& snapshot, const std::string& part) {
+  size_t at = snapshot.find(part);
+  if (at == std::string::npos) return "";
+  size_t end = snapshot.find('\n', at);
+  size_t ref = snapshot.find("[ref=", at);
+  if (ref == std::string::npos || ref > end) return "";
+  return snapshot.substr(ref + 5, snapshot.find(']', ref) - ref - 5);
+}
+
 std::pair<uint32_t, uint32_t> pngSize(const std::string& png) {
   if (png.size() < 24 || png.compare(1, 3, "PNG") != 0) return {0, 0};
   auto word = [&](size_t at) {

@@ -92,6 +92,9 @@ void servePage(const std::string& path, const std::string& html);
 /// Serves `response` at `path`, likewise.
 void serve(const std::string& path, const Response& response);
 
+/// The ref on the snapshot line that holds `part`, or "".
+std::string refOn(const std::string& snapshot, const std::string& part);
+
 std::string fileText(const std::string& path);
 std::string readWhole(int fd);
 int connectTo(const std::string& path);

@@ -11,15 +11,6 @@
 namespace nurel::testing {
 namespace {
 
-std::string refOn(const std::string& snapshot, const std::string& part) {
-  size_t at = snapshot.find(part);
-  if (at == std::string::npos) return "";
-  size_t end = snapshot.find('\n', at);
-  size_t ref = snapshot.find("[ref=", at);
-  if (ref == std::string::npos || ref > end) return "";
-  return snapshot.substr(ref + 5, snapshot.find(']', ref) - ref - 5);
-}
-
 TEST(Files, ADownloadByAClickIsToldWaitedForAndNeverOverwritesAnother) {
   if (overWebSocket()) GTEST_SKIP() << "files are the remote machine's (Remote.FilesNameTheirLimit)";
   Response file;

@@ -277,9 +277,7 @@ const look = setInterval(() => {
                        "document.querySelector('nurel-intent') ? 'shown, ' + document.querySelector('nurel-intent').textContent.length : 'not shown'\">"
                        "Go</button><p id=seen></p>");
   EXPECT_EQ(headed.nurel({"navigate", tab, url("/intent")}).status, 0);
-  std::string button;
-  std::string s = headed.nurel({"snapshot", tab}).out;
-  button = s.substr(s.find("[ref=") + 5, s.find(']', s.find("[ref=")) - s.find("[ref=") - 5);
+  std::string button = refOn(headed.nurel({"snapshot", tab}).out, "button \"Go\"");
   EXPECT_EQ(headed.nurel({"click", tab, button, "--intent", "Pressing go"}).status, 0);
   EXPECT_EQ(headed.nurel({"eval", tab, "return seen.textContent"}).out, "shown, 0\n");
   // The back end's own words are no part of the page the agent reads.
