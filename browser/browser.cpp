@@ -171,11 +171,7 @@ Browser::~Browser() {
 }
 
 void Browser::shutdown() {
-  std::shared_ptr<Engine> engine;
-  {
-    std::lock_guard<std::mutex> guard(engineLock);
-    engine = current;
-  }
+  std::shared_ptr<Engine> engine = requestEngine();
   if (!engine) return;
   if (!engine->chromium) {
     // Someone else's browser: close the tabs we opened in it, then the connection.
@@ -214,9 +210,21 @@ void Browser::warmUp() {
   }
 }
 
-std::shared_ptr<Browser::Engine> Browser::engine() {
+thread_local Browser::Pinned Browser::pinned;
+
+std::shared_ptr<Browser::Engine> Browser::requestEngine() {
+  if (pinned.engine) return pinned.engine;
   std::lock_guard<std::mutex> guard(engineLock);
-  if (current && current->cdp->alive()) return current;
+  return current;
+}
+
+std::shared_ptr<Browser::Engine> Browser::engine() {
+  if (pinned.engine) return pinned.engine;
+  std::lock_guard<std::mutex> guard(engineLock);
+  if (current && current->cdp->alive()) {
+    if (pinned.active) pinned.engine = current;
+    return current;
+  }
   if (current) {
     // It died, or the connection did: its tabs went with it.
     std::lock_guard<std::mutex> tabsGuard(tabsLock);
@@ -233,6 +241,7 @@ std::shared_ptr<Browser::Engine> Browser::engine() {
   else
     startChromium(*fresh);
   current = fresh;
+  if (pinned.active) pinned.engine = current;
   return current;
 }
 
@@ -335,11 +344,7 @@ Json Browser::call(const std::string& method, const Json& params, const std::str
   if (!session.empty()) {
     // A tab's call belongs to the Chromium the tab was in: when that one has gone, a request
     // still running on the tab says so, and leaves starting a fresh one to the next request.
-    std::shared_ptr<Engine> was;
-    {
-      std::lock_guard<std::mutex> guard(engineLock);
-      was = current;
-    }
+    std::shared_ptr<Engine> was = requestEngine();
     if (was && !was->cdp->alive())
       if (auto line = lost(was)) throw Failure(*line);
   }
@@ -769,6 +774,20 @@ Json Browser::handle(const std::string& method, const Json& params) {
   if (found == handlers().end()) {
     throw Failure("unknown method " + method);
   }
+  // The engine running now is this request's; one that has gone is started again by its
+  // first call. Requests within a request (batch, run) keep the outer one's.
+  struct Pin {
+    bool outer = !pinned.active;
+    explicit Pin(Browser& browser) {
+      if (!outer) return;
+      std::lock_guard<std::mutex> guard(browser.engineLock);
+      pinned.active = true;
+      if (browser.current && browser.current->cdp->alive()) pinned.engine = browser.current;
+    }
+    ~Pin() {
+      if (outer) pinned = Pinned{};
+    }
+  } pin(*this);
   const Json& given = params.is_object() ? params : Json::object();
   if (!changes(method, given)) return perform(found->second, method, given);
   std::string tabID = stringParam(given, "tab"), address;
@@ -807,11 +826,7 @@ Json Browser::perform(Handler handler, const std::string& method, const Json& pa
   } catch (const Failure& failure) {
     // A tab that went because Chromium did (a request waiting on it, or the next one): the
     // agent hears that the browser went, not that someone closed the tab.
-    std::shared_ptr<Engine> gone;
-    {
-      std::lock_guard<std::mutex> guard(engineLock);
-      gone = current;
-    }
+    std::shared_ptr<Engine> gone = requestEngine();
     if (gone && !gone->cdp->alive() &&
         std::string_view(failure.what()).find(": it was closed") != std::string_view::npos)
       if (auto line = lost(gone)) throw Failure(*line);
@@ -822,11 +837,7 @@ Json Browser::perform(Handler handler, const std::string& method, const Json& pa
     throw Failure(error.what());
   } catch (const BrowserLost& error) {
     // Input, say, found the pipe broken before its reader saw Chromium go.
-    std::shared_ptr<Engine> gone;
-    {
-      std::lock_guard<std::mutex> guard(engineLock);
-      gone = current;
-    }
+    std::shared_ptr<Engine> gone = requestEngine();
     if (gone)
       if (auto line = lost(gone)) throw Failure(*line);
     throw Failure(error.what());

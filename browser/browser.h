@@ -173,8 +173,11 @@ class Browser {
   // Calls the handler, turning what Chromium throws into the agent's Failure.
   Json perform(Handler handler, const std::string& method, const Json& params);
 
-  // The running engine, started when there is none; throws Failure.
+  // The running engine, started when there is none; within a request, the one it began with,
+  // even when that has gone. Throws Failure.
   std::shared_ptr<Engine> engine();
+  // This request's engine, else the current one, without starting any; may be null.
+  std::shared_ptr<Engine> requestEngine();
   // Starts our own Chromium, or connects to the remote browser, for engine().
   void startChromium(Engine& fresh);
   void connectRemote(Engine& fresh);
@@ -327,6 +330,13 @@ class Browser {
   ActionLog actions;
   std::mutex engineLock;  // held while starting or replacing the engine
   std::shared_ptr<Engine> current;
+  // The engine a request began with: all its calls go there, so that a request still running
+  // when Chromium goes never lands in the one the next request starts (handle() sets it).
+  struct Pinned {
+    bool active = false;
+    std::shared_ptr<Engine> engine;
+  };
+  static thread_local Pinned pinned;
   uint64_t generations = 0;
   // A remote browser that can't be reached is tried again after a pause that doubles.
   std::chrono::steady_clock::time_point retryAt;

@@ -122,11 +122,7 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
     } catch (const NoAnswer&) {
       // A script of the page's own holds its one thread (an endless loop): stop it, as eval
       // stops one of the agent's, so that the tab answers again.
-      std::shared_ptr<Engine> running;
-      {
-        std::lock_guard<std::mutex> guard(engineLock);
-        running = current;
-      }
+      std::shared_ptr<Engine> running = requestEngine();
       if (running) running->cdp->post("Runtime.terminateExecution", Json::object(), tab->session);
       throw Failure("the page in " + tab->id + " didn't answer in " +
                     std::to_string(settings.scriptTime.count()) +
