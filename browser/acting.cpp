@@ -23,8 +23,14 @@ using namespace std::chrono_literals;
 // Snapshots longer than this are cut, with a line that says how to get less or all of it.
 constexpr size_t snapshotLimit = 40000;
 
-// How long an action's effects are given to show before its answer.
+// An action's answer waits for its effects: until the document has been still for `stillFor`
+// and the requests it started have ended; at most `settle`, or `settleFetching` while its own
+// requests run (then a load, when one began, is waited for on its own). A click that changes
+// the page at once is answered in about `stillFor`; a fixed wait of 150 ms made each click
+// about 200 ms (bench/README.md, figure 3).
 constexpr auto settle = 150ms;
+constexpr auto settleFetching = 1s;
+constexpr int stillFor = 50;  // ms
 
 struct KeyInfo {
   std::string key, code;
@@ -542,6 +548,7 @@ Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
   before.loads = tab->loads;
   before.same = tab->sameDocument;
   before.downloads = tab->downloadsStarted;
+  before.requests = tab->requests;
   tab->chooser.reset();
   return before;
 }
@@ -572,14 +579,34 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
                              const std::string& did) {
   auto deadline = Clock::now() + settle;
   std::vector<std::string> opened;
-  bool navigating = false;
+  bool navigating = false, opening = false;
+  auto happened = [&] {
+    return tab->dialog || tab->gone || tab->startedLoading != before.started ||
+           tab->sameDocument != before.same || !tab->opened.empty() ||
+           tab->downloadsStarted != before.downloads || tab->chooser;
+  };
+  auto started = Clock::now();
+  for (;;) {
+    bool fetching = false;
+    {
+      std::unique_lock<std::mutex> guard(tab->lock);
+      for (const std::string& request : tab->requests)
+        if (!before.requests.count(request)) fetching = true;
+      if (fetching) deadline = std::max(deadline, started + settleFetching);
+      if (tab->changed.wait_until(guard, std::min(deadline, Clock::now() + 10ms), happened) ||
+          Clock::now() >= deadline)
+        break;
+    }
+    if (fetching) continue;
+    try {
+      Json still = inWorld(tab, "__nurel.still()", Library::page);
+      if (still.is_number() && still.get<int>() >= stillFor) break;
+    } catch (const std::exception&) {
+      // A document going or a dialog opening: the wait above sees which.
+    }
+  }
   {
-    std::unique_lock<std::mutex> guard(tab->lock);
-    tab->changed.wait_until(guard, deadline, [&] {
-      return tab->dialog || tab->gone || tab->startedLoading != before.started ||
-             tab->sameDocument != before.same || !tab->opened.empty() ||
-             tab->downloadsStarted != before.downloads || tab->chooser;
-    });
+    std::lock_guard<std::mutex> guard(tab->lock);
     if (tab->gone) return did + "; the tab closed";
     if (tab->dialog) {
       const Json& dialog = *tab->dialog;
@@ -587,9 +614,11 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
              quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
     }
     navigating = tab->startedLoading != before.started;
+    opening = !tab->opened.empty();
   }
-  // A tab the page opened becomes the agent's, with an id of its own.
-  std::this_thread::sleep_for(navigating ? 0ms : 50ms);
+  // A tab the page opened becomes the agent's, with an id of its own; others it opens at once
+  // are given a moment to show.
+  if (opening && !navigating) std::this_thread::sleep_for(50ms);
   {
     std::lock_guard<std::mutex> guard(tab->lock);
     opened.swap(tab->opened);

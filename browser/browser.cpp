@@ -497,7 +497,9 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     }
   } else if (method == "Network.requestWillBeSent") {
     std::string type = params.value("type", "");
-    if (type != "EventSource" && type != "WebSocket" && !params.contains("redirectResponse"))
+    // Streams that stay open, and beacons no one waits for, are never "still loading".
+    if (type != "EventSource" && type != "WebSocket" && type != "Ping" &&
+        !params.contains("redirectResponse"))
       tab->requests.insert(params.value("requestId", ""));
     tab->lastNetwork = now;
     Tab::Request request;

@@ -216,6 +216,7 @@ class Browser {
   struct Before {
     uint64_t started = 0, loads = 0, same = 0, downloads = 0;
     std::string url;
+    std::set<std::string> requests;  // in flight before the action: not its own
   };
   int refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref);
   // A ref's number and the frame whose world holds its element (empty for the main frame's),

@@ -419,6 +419,27 @@ TEST(Acting, AClickThatOpensATabGivesItsID) {
   EXPECT_EQ(shared().nurel({"close", fresh}).status, 0);
 }
 
+TEST(Acting, AnActionsAnswerWaitsForWhatItSetOff) {
+  // A handler that asks the server first and changes the page when it answers, and one that
+  // changes it a moment later: neither is answered before the change.
+  Response slow;
+  slow.type = "text/plain";
+  slow.body = "fetched";
+  slow.delayMilliseconds = 400;
+  serve("/slow-answer", slow);
+  servePage("/settling", R"html(<title>Settling</title>
+<button onclick="fetch('/slow-answer').then((r) => r.text()).then((t) => { out.textContent = t; })">Fetch</button>
+<button onclick="setTimeout(() => { out.textContent = 'later'; }, 40)">Later</button>
+<p id=out></p>)html");
+  std::string tab = shared().open(url("/settling"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  for (const char* name : {"Fetch", "Later"}) {
+    std::string ref = refOn(s, "\"" + std::string(name) + "\"");
+    EXPECT_EQ(shared().nurel({"click", tab, ref}).out,
+              "clicked button \"" + std::string(name) + "\" [ref=" + ref + "]; the page changed\n");
+  }
+}
+
 TEST(Acting, DragsHoversScrollsAndPressesKeys) {
   servePage("/drag", R"html(<title>Drag</title><style>li{height:40px;border:1px solid}</style>
 <ul id=list><li id=a>First</li><li id=b>Second</li><li id=c>Third</li></ul><p id=order></p>

@@ -720,16 +720,34 @@
     return nodes.length > 0 && nodes.every((node) => hosts.has(node));
   };
   const counted = (records) => records.filter((record) => !ours(record)).length;
+  let lastChange = 0;
+  const count = (records) => {
+    const more = counted(records);
+    if (more > 0) {
+      mutations += more;
+      lastChange = performance.now();
+    }
+  };
   const watch = () => {
     if (!observer) {
-      observer = new MutationObserver((records) => { mutations += counted(records); });
+      observer = new MutationObserver(count);
       observer.observe(document, { subtree: true, childList: true, attributes: true, characterData: true });
     }
     observer.takeRecords();
     mutations = 0;
+    lastChange = performance.now();
     return true;
   };
-  const changes = () => (observer ? mutations + counted(observer.takeRecords()) : 0);
+  const changes = () => {
+    if (!observer) return 0;
+    count(observer.takeRecords());
+    return mutations;
+  };
+  // Milliseconds since the document last changed, or since watch().
+  const still = () => {
+    if (observer) count(observer.takeRecords());
+    return Math.round(performance.now() - lastChange);
+  };
   const scrolled = () => {
     const scroller = document.scrollingElement || document.documentElement;
     return { x: Math.round(scrollX), y: Math.round(scrollY),
@@ -792,7 +810,7 @@
     return { x: box.left + scrollX, y: box.top + scrollY, width: box.width, height: box.height };
   };
 
-  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes,
+  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still,
     scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
     closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot };
 })()
