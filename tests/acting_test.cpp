@@ -173,6 +173,44 @@ TEST(Acting, ASnapshotSaysEachThingOnce) {
   shared().nurel({"close", tab});
 }
 
+TEST(Acting, AnInteractiveSnapshotShowsOneLinkToEachPlace) {
+  std::string prose(400, 'x');
+  servePage("/stories", R"html(<title>Stories</title><main>
+<ul role=menu><li role=menuitem><a href=/home>Home</a></li></ul>
+<a href=/story><img alt=""></a><a href=/story>Rain on Monday</a><a href=/story>Rain on Monday Weather desk</a>
+<a href=/story>Comments</a>
+<a href=#top>Top</a><a href=#top>Top</a>
+<a href="/signin?operation=register&redirect=https%3A%2F%2Fexample.org%2Fa%2Fvery%2Flong%2Fway%2Fback">Sign in</a>
+<p>)html" + prose + "</p></main>");
+  std::string tab = shared().open(url("/stories"));
+  // The full snapshot has every link, the menu item's click left to its link; a long query and
+  // a long paragraph are begun, not spelled out.
+  EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab}).out),
+            "- main\n"
+            "  - menu\n"
+            "    - link \"Home\" [url=/home]\n"
+            "  - link [url=/story]\n"
+            "  - link \"Rain on Monday\" [url=/story]\n"
+            "  - link \"Rain on Monday Weather desk\" [url=/story]\n"
+            "  - link \"Comments\" [url=/story]\n"
+            "  - link \"Top\" [url=/stories#top]\n"
+            "  - link \"Top\" [url=/stories#top]\n"
+            "  - link \"Sign in\" [url=/signin?operation=register&redirect=https%3A%2…]\n"
+            "  - text: " + std::string(299, 'x') + "…\n");
+  // Interactive: one link to the story for each thing it is called, and every link within the
+  // page (they may each do something of their own).
+  EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab, "--interactive"}).out),
+            "- main\n"
+            "  - link \"Home\"\n"
+            "  - link\n"
+            "  - link \"Rain on Monday\"\n"
+            "  - link \"Comments\"\n"
+            "  - link \"Top\"\n"
+            "  - link \"Top\"\n"
+            "  - link \"Sign in\"\n");
+  shared().nurel({"close", tab});
+}
+
 TEST(Acting, ARefNeverMovesToAnotherElement) {
   servePage("/list", R"html(<title>List</title><ul id=list><li><button>Alpha</button><li><button>Beta</button></ul>
 <button id=reverse onclick="list.append(...[...list.children].reverse())">Reverse</button>

@@ -282,6 +282,8 @@
             : target.protocol === 'https:' && !target.username ? target.href.slice('https://'.length)
             : target.href;
           if (shown !== href && !target.search && href.endsWith('?')) shown += '?';
+          // A long query (a sign-in's way back, say) is begun, not spelled out: inspect has it.
+          if (target.search.length > 40 && !target.hash) shown = shown.slice(0, shown.length - target.search.length) + clip(target.search, 40);
         } catch (e) {
           // Not an address: as written.
         }
@@ -398,6 +400,13 @@
       // Something clickable by script around links or buttons (a card) is named by its own
       // label only: its content is said by what it holds, each with its own ref.
       if (role === 'clickable' && holdsRefs(children)) name = ownLabel(element);
+      // Something to act on that holds only a link of its own name (a menu item around its
+      // link) leaves the click to the link: one ref for one thing.
+      if (actionable && role !== 'link' && children.length === 1 && children[0].role === 'link' &&
+          children[0].ref && children[0].said === name && !statesOf(element, role).length) {
+        out.push(children[0]);
+        return;
+      }
       let keep;
       if (actionable) keep = true;
       else if (!role) keep = false;
@@ -422,6 +431,7 @@
         return;
       }
       const item = { role, name: clip(name, interactiveOnly ? 80 : 150), said: name, states: statesOf(element, role), children };
+      if (role === 'link' && typeof element.href === 'string') item.href = element.href;
       if (actionable || element.tabIndex >= 0 && element.localName !== 'iframe' && role !== 'dialog') {
         item.ref = refOf(element);
         if (actionable) lastActionable.push(element);
@@ -464,12 +474,30 @@
     // Writes the tree; consecutive texts are joined, and a text said just before is not said again.
     const lines = [];
     let lastText = '';
+    // An interactive snapshot shows one link to an address of another document where several
+    // say the same (an image and a title leading to one story): the others do what it does.
+    const linksShown = new Map();
+    const here = location.href.split('#')[0];
+    const sameAsShown = (item) => {
+      if (!interactiveOnly || item.role !== 'link' || !item.ref || !item.href || item.children.length ||
+          item.href.split('#')[0] === here || !/^(https?|file):/.test(item.href)) return false;
+      const name = item.said || '';
+      const shown = linksShown.get(item.href);
+      if (!shown) {
+        linksShown.set(item.href, [name]);
+        return false;
+      }
+      if (shown.some((earlier) => name === '' || (earlier !== '' && (earlier.includes(name) || name.includes(earlier)))))
+        return true;
+      shown.push(name);
+      return false;
+    };
     const write = (items, depth) => {
       const pad = '  '.repeat(depth);
       let pending = [];
       const flush = () => {
         if (!pending.length) return;
-        const text = clip(squash(pending.join(' ')), 500);
+        const text = clip(squash(pending.join(' ')), 300);
         if (text && text !== lastText) lines.push(pad + '- text: ' + text);
         lastText = text;
         pending = [];
@@ -490,6 +518,7 @@
           if (item.block) flush();
           continue;
         }
+        if (sameAsShown(item)) continue;
         // A label's text followed by the field it names is said once, as the field's name.
         if (pending.length && item.name && squash(pending.join(' ')) === item.name) pending = [];
         flush();
