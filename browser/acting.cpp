@@ -505,7 +505,7 @@ Json Browser::inPlace(const std::shared_ptr<Tab>& tab, const RefPlace& place,
 }
 
 std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
-                                            std::string& label, bool enabled) {
+                                            std::string& label, bool enabled, RefPlace* where) {
   RefPlace place = refPlace(tab, ref);
   Json target = inPlace(tab, place, "__nurel.target(" + std::to_string(place.number) + ")");
   if (target.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
@@ -514,6 +514,7 @@ std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, con
   if (enabled && target.value("disabled", false)) throw Failure(label + " is disabled");
   if (target.contains("covered"))
     throw Failure(label + " is covered by " + target.value("covered", "something"));
+  if (where) *where = place;
   if (!place.frame.empty())
     return toTop(tab, place.frame, target.value("x", 0.0), target.value("y", 0.0), label);
   return {target.value("x", 0.0), target.value("y", 0.0)};
@@ -521,9 +522,10 @@ std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, con
 
 std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
                                            const char* refName, const char* xName,
-                                           const char* yName, std::string& label) {
+                                           const char* yName, std::string& label,
+                                           RefPlace* where) {
   std::string ref = stringParam(params, refName);
-  if (!ref.empty()) return targetOf(tab, ref, label);
+  if (!ref.empty()) return targetOf(tab, ref, label, true, where);
   if (!params.contains(xName) || !params.contains(yName))
     throw Failure(std::string("give a ref, or ") + xName + " and " + yName);
   double x = numberParam(params, xName, 0), y = numberParam(params, yName, 0);
@@ -680,13 +682,18 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
 Json Browser::click(const Json& params) {
   auto tab = tabFor(params);
   std::string label;
-  auto [x, y] = pointOf(tab, params, "ref", "x", "y", label);
+  RefPlace place;
+  auto [x, y] = pointOf(tab, params, "ref", "x", "y", label, &place);
   Before before = watch(tab);
   bool right = stringParam(params, "button") == "right";
   bool twice = flagParam(params, "double");
   std::string button = right ? "right" : "left";
   int held = right ? 2 : 1;
   mouse(tab, "mouseMoved", x, y);
+  // A frame of another origin may take input in a process of its own: the button must not go
+  // down there before the frame has seen the pointer come in, or the press is lost. It has
+  // once it has drawn again.
+  if (!place.frame.empty()) inPlace(tab, place, "__nurel.drawn()");
   for (int click = 1; click <= (twice ? 2 : 1); ++click) {
     mouse(tab, "mousePressed", x, y, button, click, held);
     mouse(tab, "mouseReleased", x, y, button, click, 0);
@@ -943,7 +950,13 @@ Json Browser::inspect(const Json& params) {
   Json seen = inPlace(tab, place, "__nurel.inspect(" + std::to_string(place.number) + ", " +
                                       quote(stringParam(params, "styles")) + ")");
   if (seen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
-  return seen["element"];
+  Json element = seen["element"];
+  if (!place.frame.empty()) {
+    Json box = inTopPage(tab, place, element["box"]);
+    for (const char* side : {"x", "y"}) box[side] = std::lround(box.value(side, 0.0));
+    element["box"] = box;
+  }
+  return element;
 }
 
 Json Browser::dialog(const Json& params) {

@@ -259,13 +259,18 @@ class Browser {
   // names what is acted on, for when something lies over it (empty: whatever lies over it).
   std::pair<double, double> toTop(const std::shared_ptr<Tab>& tab, const std::string& frame,
                                   double x, double y, const std::string& label);
-  // Scrolled to, visible, enabled and not covered: the point to act at. Throws Failure.
+  // A box ({x, y, width, height}) of the page of the frame `place` is in, as one of the top
+  // page's; as it is for the main frame.
+  Json inTopPage(const std::shared_ptr<Tab>& tab, const RefPlace& place, Json box);
+  // Scrolled to, visible, enabled and not covered: the point to act at; `where` is told where
+  // the ref's element is. Throws Failure.
   std::pair<double, double> targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
-                                     std::string& label, bool enabled = true);
+                                     std::string& label, bool enabled = true,
+                                     RefPlace* where = nullptr);
   // The element of the ref named `refName`, else the point `xName`, `yName` of the page.
   std::pair<double, double> pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
                                     const char* refName, const char* xName, const char* yName,
-                                    std::string& label);
+                                    std::string& label, RefPlace* where = nullptr);
   Before watch(const std::shared_ptr<Tab>& tab);
   // Sends input, returning early when a dialog opens (the page waits for it, and so would we).
   void input(const std::shared_ptr<Tab>& tab, const std::string& method, const Json& params);

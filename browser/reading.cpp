@@ -307,6 +307,19 @@ Json Browser::wait(const Json& params) {
   return answer + " (after " + withSeconds(took) + ")";
 }
 
+Json Browser::inTopPage(const std::shared_ptr<Tab>& tab, const RefPlace& place, Json box) {
+  if (place.frame.empty()) return box;
+  // Its centre through the frames to the top page's viewport, then the top page's scroll.
+  double width = box.value("width", 0.0), height = box.value("height", 0.0);
+  Json scrolled = inFrame(place.session, place.frame, "[scrollX, scrollY]");
+  auto [x, y] = toTop(tab, place.frame, box.value("x", 0.0) - scrolled[0].get<double>() + width / 2,
+                      box.value("y", 0.0) - scrolled[1].get<double>() + height / 2, "");
+  Json top = inWorld(tab, "[scrollX, scrollY]");
+  box["x"] = x - width / 2 + top[0].get<double>();
+  box["y"] = y - height / 2 + top[1].get<double>();
+  return box;
+}
+
 Json Browser::screenshot(const Json& params) {
   auto tab = tabFor(params);
   Json shot = {{"format", "png"}};
@@ -320,16 +333,7 @@ Json Browser::screenshot(const Json& params) {
     if (box.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
     double width = box.value("width", 0.0), height = box.value("height", 0.0);
     if (width < 1 || height < 1) throw Failure("ref " + ref + " isn't visible");
-    if (!place.frame.empty()) {
-      // A box in a frame's page: its centre through the frames to the top page's.
-      Json scrolled = inFrame(place.session, place.frame, "[scrollX, scrollY]");
-      auto [x, y] = toTop(tab, place.frame,
-                          box.value("x", 0.0) - scrolled[0].get<double>() + width / 2,
-                          box.value("y", 0.0) - scrolled[1].get<double>() + height / 2, "");
-      Json top = inWorld(tab, "[scrollX, scrollY]");
-      box["x"] = x - width / 2 + top[0].get<double>();
-      box["y"] = y - height / 2 + top[1].get<double>();
-    }
+    box = inTopPage(tab, place, box);
     shot["clip"] = {{"x", box.value("x", 0.0)}, {"y", box.value("y", 0.0)},
                     {"width", width}, {"height", std::min(height, 16000.0)}, {"scale", 1}};
     shot["captureBeyondViewport"] = true;

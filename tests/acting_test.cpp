@@ -196,7 +196,7 @@ TEST(Acting, AnInteractiveSnapshotShowsOneLinkToEachPlace) {
             "  - link \"Top\" [url=/stories#top]\n"
             "  - link \"Top\" [url=/stories#top]\n"
             "  - link \"Sign in\" [url=/signin?operation=register&redirect=https%3A%2…]\n"
-            "  - text: " + std::string(299, 'x') + "…\n");
+            "  - text: " + std::string(249, 'x') + "…\n");
   // Interactive: one link to the story for each thing it is called, and every link within the
   // page (they may each do something of their own).
   EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab, "--interactive"}).out),
@@ -364,6 +364,35 @@ TEST(Acting, FramesOfOtherOriginsAndProcessesAreSplicedInAndActedIn) {
   shared().nurel({"eval", tab, "document.querySelectorAll('iframe')[0].remove()"});
   EXPECT_EQ(shared().nurel({"click", tab, nearButton}).err,
             "ref " + nearButton + " is no longer on the page\n");
+}
+
+// inspect says where an element lies in the top page, whichever frame it is in.
+TEST(Acting, InspectPlacesWhatIsInFramesOnTheTopPage) {
+  servePage("/placed", R"html(<title>Placed</title>
+<button style="position:absolute;left:30px;top:50px;width:90px;height:30px">Placed</button>)html");
+  std::string frame = "style=\"border:3px solid;padding:11px 0 0 23px;width:300px;height:200px\"";
+  servePage("/frames-placed", R"html(<title>Frames placed</title><div style="height:700px"></div>
+<iframe src="/placed" title="Near" )html" + frame + R"html(></iframe>
+<iframe src=")html" + otherOrigin("/placed") + R"html(" title="Same process" )html" + frame + R"html(></iframe>
+<iframe src=")html" + otherSite("/placed") + R"html(" title="Other process" )html" + frame + R"html(></iframe>)html");
+  std::string tab = shared().open(url("/frames-placed"));
+  std::string s = shared().nurel({"snapshot", tab}).out;
+  shared().nurel({"eval", tab, "scrollTo(0, 400)"});
+  Json frames = parseDocument(shared().nurel({"eval", tab,
+      "return [...document.querySelectorAll('iframe')].map((f) => { const r = f.getBoundingClientRect(); "
+      "return [Math.round(r.left + scrollX), Math.round(r.top + scrollY)] })"}).out);
+  ASSERT_EQ(frames.size(), 3u);
+  for (size_t i = 0; i < 3; ++i) {
+    const char* title = i == 0 ? "Near" : i == 1 ? "Same process" : "Other process";
+    std::string ref = refOn(s.substr(s.find(std::string("- iframe \"") + title)), "button \"Placed\"");
+    ASSERT_NE(ref, "") << s;
+    Json box = parseDocument(shared().nurel({"inspect", tab, ref}).out)["box"];
+    EXPECT_EQ(box, Json::parse("{\"x\": " + std::to_string(frames[i][0].get<int>() + 3 + 23 + 30) +
+                               ", \"y\": " + std::to_string(frames[i][1].get<int>() + 3 + 11 + 50) +
+                               ", \"width\": 90, \"height\": 30}"))
+        << title;
+  }
+  shared().nurel({"close", tab});
 }
 
 // Closed shadow roots, which the page's own elements don't give: walked all the same, roots

@@ -497,7 +497,7 @@
       let pending = [];
       const flush = () => {
         if (!pending.length) return;
-        const text = clip(squash(pending.join(' ')), 300);
+        const text = clip(squash(pending.join(' ')), 250);
         if (text && text !== lastText) lines.push(pad + '- text: ' + text);
         lastText = text;
         pending = [];
@@ -633,6 +633,12 @@
     const inTop = boxInTop(owner);
     return { ...result, x: inTop.left + at.left + x, y: inTop.top + at.top + y };
   };
+  // Resolves once the page has drawn twice (a tenth of a second at most, for a tab that isn't
+  // drawn): input that came before has been handled by then.
+  const drawn = () => new Promise((resolve) => {
+    setTimeout(resolve, 100);
+    requestAnimationFrame(() => requestAnimationFrame(resolve));
+  });
   const frameOwner = (index) => frameOwners[index] || null;
   // Puts the caret in a field for typing: at the end, or over all of it to type it anew.
   const focusForTyping = (number, replace) => {
@@ -726,7 +732,8 @@
   const inspect = (number, styles) => {
     const found = element(number);
     if (!found) return { gone: true };
-    const box = found.getBoundingClientRect();
+    // Where it lies in the page of this world's document, through the frames it shares.
+    const box = boxInTop(found);
     const attributes = {};
     for (const attribute of found.attributes) attributes[attribute.name] = clip(attribute.value, 300);
     const names = styles ? styles.split(',').map((s) => s.trim()).filter(Boolean) : usualStyles;
@@ -788,10 +795,12 @@
     const box = found.getBoundingClientRect();
     let left = box.left, top = box.top;
     for (let view = found.ownerDocument.defaultView; view && view !== window && view.frameElement;) {
+      // The frame's document starts inside its border and padding.
       const frame = view.frameElement;
       const frameBox = frame.getBoundingClientRect();
-      left += frameBox.left + frame.clientLeft;
-      top += frameBox.top + frame.clientTop;
+      const style = frame.ownerDocument.defaultView.getComputedStyle(frame);
+      left += frameBox.left + frame.clientLeft + parseFloat(style.paddingLeft || '0');
+      top += frameBox.top + frame.clientTop + parseFloat(style.paddingTop || '0');
       view = frame.ownerDocument.defaultView;
     }
     return { left, top, width: box.width, height: box.height };
@@ -839,7 +848,7 @@
     return { x: box.left + scrollX, y: box.top + scrollY, width: box.width, height: box.height };
   };
 
-  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still,
+  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still, drawn,
     scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
     closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot };
 })()
