@@ -173,6 +173,22 @@ TEST(Acting, ASnapshotSaysEachThingOnce) {
   shared().nurel({"close", tab});
 }
 
+TEST(Acting, ALabelAroundItsFieldNamesItOnce) {
+  servePage("/labelled", R"html(<title>Labelled</title><main>
+<label>Delivery <select><option>Standard<option selected>Express</select></label>
+<label>Size <select aria-label=Size><option>Small</select> and count <input type=number value=2 aria-label=Count></label>
+</main>)html");
+  std::string tab = shared().open(url("/labelled"));
+  // The field's own options are not part of its name; another's chosen value is.
+  EXPECT_EQ(withoutRefs(shared().nurel({"snapshot", tab}).out),
+            "- main\n"
+            "  - combobox \"Delivery\" [value=\"Express\"]\n"
+            "  - combobox \"Size\" [value=\"Small\"]\n"
+            "  - text: and count\n"
+            "  - spinbutton \"Count\" [value=\"2\"]\n");
+  shared().nurel({"close", tab});
+}
+
 TEST(Acting, AnInteractiveSnapshotShowsOneLinkToEachPlace) {
   std::string prose(400, 'x');
   servePage("/stories", R"html(<title>Stories</title><main>

@@ -150,18 +150,20 @@
     return '';
   };
 
-  const textOf = (node) => {
-    // What a person sees of an element's text: visible descendants only.
+  const textOf = (node, skip) => {
+    // What a person sees of an element's text: visible descendants only; of a dropdown, what
+    // it shows (the chosen option); nothing of `skip` (the field a label names).
     let out = '';
     for (const child of node.childNodes) {
       if (child.nodeType === Node.TEXT_NODE) out += child.data;
-      else if (child.nodeType === Node.ELEMENT_NODE && shown(child)) {
+      else if (child.nodeType === Node.ELEMENT_NODE && child !== skip && shown(child)) {
         const tag = child.localName;
         if (tag === 'img') out += ' ' + (child.getAttribute('alt') || '') + ' ';
-        else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child) + ' ';
+        else if (tag === 'select') out += ' ' + Array.from(child.selectedOptions || []).map((o) => o.textContent).join(' ') + ' ';
+        else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child, skip) + ' ';
       }
     }
-    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node));
+    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node), skip);
     return out;
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
@@ -186,7 +188,7 @@
       if (['button', 'submit', 'reset'].includes(type))
         return squash(element.value) || (type === 'submit' ? 'Submit' : type === 'reset' ? 'Reset' : '');
       if (type === 'image') return squash(element.getAttribute('alt')) || 'Submit';
-      const labels = element.labels ? Array.from(element.labels).map((l) => squash(textOf(l))).join(' ') : '';
+      const labels = element.labels ? Array.from(element.labels).map((l) => squash(textOf(l, element))).join(' ') : '';
       if (labels) return labels;
       return squash(element.getAttribute('placeholder') || element.getAttribute('title'));
     }
