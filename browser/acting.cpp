@@ -541,8 +541,14 @@ std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, cons
   return {at[0].get<double>(), at[1].get<double>()};
 }
 
-Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab) {
-  inWorld(tab, "__nurel.watch()", Library::page);
+Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab, const std::string& ref) {
+  // The element acted on, when it is in the page's own world.
+  int number = 0;
+  if (!ref.empty()) {
+    RefPlace place = refPlace(tab, ref);
+    if (place.frame.empty()) number = place.number;
+  }
+  inWorld(tab, "__nurel.watch(" + std::to_string(number) + ")", Library::page);
   inFrames(tab, "__nurel.watch()");
   Before before;
   std::lock_guard<std::mutex> guard(tab->lock);
@@ -684,7 +690,7 @@ Json Browser::click(const Json& params) {
   std::string label;
   RefPlace place;
   auto [x, y] = pointOf(tab, params, "ref", "x", "y", label, &place);
-  Before before = watch(tab);
+  Before before = watch(tab, stringParam(params, "ref"));
   bool right = stringParam(params, "button") == "right";
   bool twice = flagParam(params, "double");
   std::string button = right ? "right" : "left";

@@ -766,7 +766,11 @@
       lastChange = performance.now();
     }
   };
-  const watch = () => {
+  // What is acted on may change without the document doing so (a checkbox's checked, a
+  // field's value): its states count too.
+  let watched = null;
+  const statesNow = (found) => (found && found.isConnected ? statesOf(found, roleOf(found)).join(' ') : '');
+  const watch = (number) => {
     if (!observer) {
       observer = new MutationObserver(count);
       observer.observe(document, { subtree: true, childList: true, attributes: true, characterData: true });
@@ -774,12 +778,14 @@
     observer.takeRecords();
     mutations = 0;
     lastChange = performance.now();
+    const found = number ? element(number) : null;
+    watched = found ? { found, states: statesNow(found) } : null;
     return true;
   };
   const changes = () => {
     if (!observer) return 0;
     count(observer.takeRecords());
-    return mutations;
+    return mutations + (watched && statesNow(watched.found) !== watched.states ? 1 : 0);
   };
   // Milliseconds since the document last changed, or since watch().
   const still = () => {
