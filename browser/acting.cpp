@@ -970,7 +970,10 @@ Json Browser::dialog(const Json& params) {
   std::optional<Json> showing;
   uint64_t opened;
   {
-    std::lock_guard<std::mutex> guard(tab->lock);
+    // A page's next dialog opens a moment after the last is answered, and one an action sets
+    // off may come just after the action's answer: give it half a second to show.
+    std::unique_lock<std::mutex> guard(tab->lock);
+    tab->changed.wait_for(guard, 500ms, [&] { return tab->dialog || tab->gone; });
     showing = tab->dialog;
     opened = tab->dialogsOpened;
   }
