@@ -16,7 +16,7 @@
 #include <sstream>
 #include <thread>
 
-#include "browser/websocket.h"
+#include "browser/remote.h"
 
 namespace nurel::browser {
 
@@ -304,9 +304,10 @@ void Browser::connectRemote(Engine& fresh) {
   if (now < retryAt)
     throw Failure(unreachable + "; trying again in " +
                   inWords(duration_cast<milliseconds>(retryAt - now)));
-  std::unique_ptr<WebSocketTransport> transport;
+  Remote remote;
   try {
-    transport = WebSocketTransport::connect(settings.cdpURL, settings.cdpHeaders, seconds(10));
+    remote = openRemote(settings.cdpURL, settings.cdpHeaders, seconds(10),
+                        settings.websocketModule);
   } catch (const BadAddress& error) {
     throw Failure(error.what());
   } catch (const ConnectError& error) {
@@ -318,10 +319,10 @@ void Browser::connectRemote(Engine& fresh) {
     throw Failure(line);
   }
   pause = milliseconds(0);
-  fresh.address = transport->address();
+  fresh.address = remote.address;
   uint64_t generation = fresh.generation;
   fresh.cdp = std::make_unique<Cdp>(
-      std::move(transport),
+      std::move(remote.transport),
       [this, generation](const std::string& method, const Json& params,
                          const std::string& session) {
         onEvent(generation, method, params, session);

@@ -42,6 +42,7 @@ struct Settings {
   std::string cdpURL;
   std::vector<std::pair<std::string, std::string>> cdpHeaders;  ///< sent when connecting
   std::string cdpProblem;                  ///< why the headers can't be used, if they can't
+  std::string websocketModule;             ///< the WebSocket module, loaded for a remote browser
   bool headed = false;                     ///< real windows instead of headless
   std::chrono::seconds loadTime{30};       ///< how long a page may take to load
   std::chrono::seconds scriptTime{30};     ///< how long a script may run

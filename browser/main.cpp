@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "browser/browser.h"
 #include "browser/server.h"
+#include "cli/executable_path.h"
 #include "link/home.h"
 #include "link/places.h"
 
@@ -57,13 +59,6 @@ It exits after the idle time, and on SIGTERM or SIGINT, closing Chromium and rem
 socket.
 )";
 
-std::string executablePath(const char* fallback) {
-  char path[4096];
-  ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (length <= 0) return fallback;
-  return std::string(path, size_t(length));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -86,7 +81,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "nurel-browser: unknown argument %s (see nurel-browser --help)\n", argv[i]);
     return 1;
   }
-  Place place = locate(executablePath(argv[0]));
+  std::string program = executablePath(argv[0]);
+  Place place = locate(program);
   std::string dataHome;
   if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg == '/') {
     dataHome = xdg;
@@ -105,6 +101,10 @@ int main(int argc, char** argv) {
   browser::Server::blockSignals();
   browser::Settings settings = browser::Settings::fromEnvironment(dataHome + "/" + place.dataName);
   if (cdpURL) settings.cdpURL = *cdpURL;
+  // The bundle keeps the WebSocket module in its PlugIns, beside the folder of this program.
+  settings.websocketModule =
+      (std::filesystem::path(program).parent_path().parent_path() / "PlugIns/nurel-websocket.so")
+          .string();
   browser::Browser agentBrowser(std::move(settings));
   browser::Server server(
       [&agentBrowser](const std::string& method, const Json& params) {

@@ -12,7 +12,7 @@
 #include "browser/browser.h"
 #include "browser/cdp.h"
 #include "browser/server.h"
-#include "browser/websocket.h"
+#include "browser/remote.h"
 #include "catalogue/commands.h"
 
 namespace nurel::browser {

@@ -221,11 +221,11 @@ std::string askVersion(Stream& stream, net::io_context& io, const Address& addre
   if (answer.result_int() != 200)
     throw Step("its " + path + " answered HTTP " + std::to_string(answer.result_int()));
   try {
-    Json version = parseDocument(answer.body());
+    Json version = Json::parse(answer.body());
     auto named = version.find("webSocketDebuggerUrl");
     if (named != version.end() && named->is_string() && !named->get<std::string>().empty())
       return named->get<std::string>();
-  } catch (const JsonError&) {
+  } catch (const Json::exception&) {
     throw Step("its " + path + " isn't JSON");
   }
   throw Step("its " + path + " names no webSocketDebuggerUrl");
@@ -368,23 +368,6 @@ std::unique_ptr<WebSocketTransport::Socket> openSocket(const Address& address,
 }
 
 }  // namespace
-
-std::string shownAddress(const std::string& url) {
-  size_t colon = url.find("://");
-  if (colon == std::string::npos) {
-    // Not an address: its scheme at most, which holds no secret.
-    size_t end = url.find(':');
-    return end == std::string::npos || end > 10 ? "an address without a scheme" : url.substr(0, end + 1) + "…";
-  }
-  std::string rest = url.substr(colon + 3);
-  size_t slash = rest.find_first_of("/?#");
-  std::string authority = rest.substr(0, slash);
-  std::string path = slash == std::string::npos ? "" : rest.substr(slash);
-  if (size_t at = authority.rfind('@'); at != std::string::npos) authority = "…@" + authority.substr(at + 1);
-  size_t cut = path.find_first_of("?#");
-  if (cut != std::string::npos) path = path.substr(0, cut) + (path[cut] == '?' ? "?…" : "");
-  return url.substr(0, colon + 3) + authority + path;
-}
 
 WebSocketTransport::WebSocketTransport(std::unique_ptr<Socket> socket, std::string connected)
     : socket(std::move(socket)), connected(std::move(connected)) {}

@@ -1,5 +1,5 @@
-// browser/websocket.h: the DevTools protocol over a WebSocket, to a browser that runs elsewhere
-// (a browser pool, a Selenium Grid, a Chromium started with --remote-debugging-port).
+// browser/websocket.h: the DevTools protocol over a WebSocket, to a browser that runs elsewhere.
+// Built into the WebSocket module (websocket_module.cpp), never into the back end itself.
 #pragma once
 
 #include <chrono>
@@ -9,29 +9,9 @@
 #include <vector>
 
 #include "browser/cdp.h"
+#include "browser/remote.h"
 
 namespace nurel::browser {
-
-/// Header lines sent with the handshake (a pool's token, say): name and value.
-using Headers = std::vector<std::pair<std::string, std::string>>;
-
-/// Thrown when the browser cannot be reached; the text says what was tried and what went wrong,
-/// never a header's value or a query string.
-class ConnectError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-/// The address itself is unusable (no ws://, wss://, http:// or https://): trying again won't
-/// help.
-class BadAddress : public ConnectError {
- public:
-  using ConnectError::ConnectError;
-};
-
-/// The address to show for `url`: without its query, fragment or user name and password, which
-/// may hold a token.
-std::string shownAddress(const std::string& url);
 
 /// A transport over one WebSocket: each message one text message. A reader thread runs its
 /// input and output (receive()); send() only queues, so it never waits for the network.

@@ -4,6 +4,7 @@
 #   lib/nurel/Nurel.app/Contents/Info.plist      (the bundle: nurel and its browser)
 #   lib/nurel/Nurel.app/Contents/MacOS/nurel
 #   lib/nurel/Nurel.app/Contents/MacOS/nurel-browser
+#   lib/nurel/Nurel.app/Contents/PlugIns/nurel-websocket.so   (loaded for a remote browser)
 #   bin/nurel -> ../lib/nurel/Nurel.app/Contents/MacOS/nurel
 #   share/man/man1/nurel.1
 #   share/bash-completion/completions/nurel      (found by bash-completion on demand)
@@ -21,6 +22,7 @@ else()
   # program on the PATH is a link into the bundle, never a copy.
   set(nurel_bundle lib/nurel/Nurel.app)
   install(TARGETS nurel nurel-browser RUNTIME DESTINATION ${nurel_bundle}/Contents/MacOS)
+  install(TARGETS nurel-websocket LIBRARY DESTINATION ${nurel_bundle}/Contents/PlugIns)
   install(FILES ${NUREL_BUNDLE}/Contents/Info.plist DESTINATION ${nurel_bundle}/Contents)
   install(CODE "
     set(bin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")

@@ -16,7 +16,8 @@ cmake --install "$build" --prefix "$prefix" >"$scratch/install.log" 2>&1
 check "cmake --install exits 0" "0" "$?"
 
 bundle=lib/nurel/Nurel.app/Contents
-for file in $bundle/MacOS/nurel $bundle/MacOS/nurel-browser $bundle/Info.plist \
+for file in $bundle/MacOS/nurel $bundle/MacOS/nurel-browser $bundle/PlugIns/nurel-websocket.so \
+    $bundle/Info.plist \
     share/man/man1/nurel.1 share/bash-completion/completions/nurel \
     share/zsh/site-functions/_nurel share/fish/vendor_completions.d/nurel.fish; do
     check "installed: $file" "yes" "$([[ -f $prefix/$file ]] && echo yes || echo no)"
@@ -25,7 +26,7 @@ check "bin/nurel links into the bundle" "../$bundle/MacOS/nurel" "$(readlink "$p
 check "bin/nurel is executable" "yes" "$([[ -x $prefix/bin/nurel ]] && echo yes || echo no)"
 check "nurel-browser is executable" "yes" \
     "$([[ -x $prefix/$bundle/MacOS/nurel-browser ]] && echo yes || echo no)"
-check "nothing else is installed" "7" "$(find "$prefix" -type f | wc -l)"
+check "nothing else is installed" "8" "$(find "$prefix" -type f | wc -l)"
 check "the bundle names its browser" "yes" \
     "$(grep -q '<string>nurel-browser</string>' "$prefix/$bundle/Info.plist" && echo yes || echo no)"
 out=$("$prefix/$bundle/MacOS/nurel-browser" --help)

@@ -24,7 +24,7 @@ tarball=$(ls "$scratch"/tgz/nurel-*.tar.gz 2>/dev/null)
 listing=$(tar tzf "$tarball" 2>/dev/null | grep -v '/$' | sed 's|^[^/]*/||' | sort)
 bundle=lib/nurel/Nurel.app/Contents
 check "the tarball's files" "$(words bin/nurel $bundle/Info.plist $bundle/MacOS/nurel \
-    $bundle/MacOS/nurel-browser share/man/man1/nurel.1 \
+    $bundle/MacOS/nurel-browser $bundle/PlugIns/nurel-websocket.so share/man/man1/nurel.1 \
     share/bash-completion/completions/nurel share/zsh/site-functions/_nurel \
     share/fish/vendor_completions.d/nurel.fish)" "$(words $listing)"
 
@@ -34,7 +34,8 @@ check "cpack -G DEB exits 0" "0" "$?"
 deb=$(ls "$scratch"/deb/nurel_*.deb 2>/dev/null)
 listing=$(dpkg-deb -c "$deb" 2>/dev/null | awk '$1 !~ /^d/ { print $6 }' | sort)
 check "the package's files" "$(words ./usr/bin/nurel ./usr/$bundle/Info.plist \
-    ./usr/$bundle/MacOS/nurel ./usr/$bundle/MacOS/nurel-browser ./usr/share/man/man1/nurel.1 \
+    ./usr/$bundle/MacOS/nurel ./usr/$bundle/MacOS/nurel-browser \
+    ./usr/$bundle/PlugIns/nurel-websocket.so ./usr/share/man/man1/nurel.1 \
     ./usr/share/bash-completion/completions/nurel ./usr/share/zsh/vendor-completions/_nurel \
     ./usr/share/fish/vendor_completions.d/nurel.fish)" "$(words $listing)"
 check "package name" "nurel" "$(dpkg-deb -f "$deb" Package 2>&1)"
