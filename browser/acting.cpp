@@ -541,13 +541,9 @@ std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, cons
   return {at[0].get<double>(), at[1].get<double>()};
 }
 
-Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab, const std::string& ref) {
+Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab, const RefPlace* acted) {
   // The element acted on, when it is in the page's own world.
-  int number = 0;
-  if (!ref.empty()) {
-    RefPlace place = refPlace(tab, ref);
-    if (place.frame.empty()) number = place.number;
-  }
+  int number = acted && acted->frame.empty() ? acted->number : 0;
   inWorld(tab, "__nurel.watch(" + std::to_string(number) + ")", Library::page);
   inFrames(tab, "__nurel.watch()");
   Before before;
@@ -690,7 +686,7 @@ Json Browser::click(const Json& params) {
   std::string label;
   RefPlace place;
   auto [x, y] = pointOf(tab, params, "ref", "x", "y", label, &place);
-  Before before = watch(tab, stringParam(params, "ref"));
+  Before before = watch(tab, stringParam(params, "ref").empty() ? nullptr : &place);
   bool right = stringParam(params, "button") == "right";
   bool twice = flagParam(params, "double");
   std::string button = right ? "right" : "left";
@@ -719,7 +715,8 @@ Json Browser::hover(const Json& params) {
 Json Browser::drag(const Json& params) {
   auto tab = tabFor(params);
   std::string from, to;
-  auto [startX, startY] = pointOf(tab, params, "ref", "from_x", "from_y", from);
+  RefPlace place;
+  auto [startX, startY] = pointOf(tab, params, "ref", "from_x", "from_y", from, &place);
   double x0 = startX, y0 = startY;
   Before before = watch(tab);
   // What the browser drags itself (draggable elements, links, pictures) is caught as it starts
@@ -744,6 +741,8 @@ Json Browser::drag(const Json& params) {
     return tab->dragged;
   };
   mouse(tab, "mouseMoved", x0, y0);
+  // As for a click: a frame in a process of its own must have seen the pointer come in.
+  if (!place.frame.empty()) inPlace(tab, place, "__nurel.drawn()");
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
   auto [endX, endY] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);

@@ -272,8 +272,8 @@ class Browser {
   std::pair<double, double> pointOf(const std::shared_ptr<Tab>& tab, const Json& params,
                                     const char* refName, const char* xName, const char* yName,
                                     std::string& label, RefPlace* where = nullptr);
-  // Before an action on `ref` (or none): what it may change, to say after what it did.
-  Before watch(const std::shared_ptr<Tab>& tab, const std::string& ref = {});
+  // Before an action on `acted` (or on no element): what it may change, to say after what it did.
+  Before watch(const std::shared_ptr<Tab>& tab, const RefPlace* acted = nullptr);
   // Sends input, returning early when a dialog opens (the page waits for it, and so would we).
   void input(const std::shared_ptr<Tab>& tab, const std::string& method, const Json& params);
   void mouse(const std::shared_ptr<Tab>& tab, const std::string& type, double x, double y,
