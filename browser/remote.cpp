@@ -5,10 +5,10 @@
 #include <dlfcn.h>
 #include <stdlib.h>
 
-#include <cstring>
 #include <mutex>
 
 #include "browser/websocket_module.h"
+#include "link/bound_symbol.h"
 
 namespace nurel::browser {
 
@@ -21,14 +21,6 @@ struct Module {
   decltype(&nurel_websocket_shut) shut = nullptr;
   decltype(&nurel_websocket_free) free = nullptr;
 };
-
-template <typename Function>
-bool bind(void* handle, Function& entry, const char* name) {
-  void* symbol = dlsym(handle, name);
-  static_assert(sizeof entry == sizeof symbol);
-  std::memcpy(&entry, &symbol, sizeof entry);
-  return symbol != nullptr;
-}
 
 // The module at `path`, loaded once and kept for the rest of the process; throws BadAddress
 // when it can't be.
@@ -45,14 +37,14 @@ const Module& module(const std::string& path) {
       const char* why = path.empty() ? nullptr : dlerror();
       problem = "nurel-browser's WebSocket module couldn't be loaded: " +
                 (why ? std::string(why) : std::string("there is none beside this back end"));
-    } else if (!bind(handle, interface, "nurel_websocket_interface") ||
+    } else if (!bindSymbol(handle, interface, "nurel_websocket_interface") ||
                interface() != NUREL_WEBSOCKET_INTERFACE) {
       problem = "nurel-browser's WebSocket module " + path + " is of another version";
-    } else if (Module found; bind(handle, found.connect, "nurel_websocket_connect") &&
-                             bind(handle, found.send, "nurel_websocket_send") &&
-                             bind(handle, found.receive, "nurel_websocket_receive") &&
-                             bind(handle, found.shut, "nurel_websocket_shut") &&
-                             bind(handle, found.free, "nurel_websocket_free")) {
+    } else if (Module found; bindSymbol(handle, found.connect, "nurel_websocket_connect") &&
+                             bindSymbol(handle, found.send, "nurel_websocket_send") &&
+                             bindSymbol(handle, found.receive, "nurel_websocket_receive") &&
+                             bindSymbol(handle, found.shut, "nurel_websocket_shut") &&
+                             bindSymbol(handle, found.free, "nurel_websocket_free")) {
       loaded = found;
       return loaded;
     } else {
