@@ -686,7 +686,7 @@ Json Browser::click(const Json& params) {
   std::string label;
   RefPlace place;
   auto [x, y] = pointOf(tab, params, "ref", "x", "y", label, &place);
-  Before before = watch(tab, stringParam(params, "ref").empty() ? nullptr : &place);
+  Before before = watch(tab, place.ref.empty() ? nullptr : &place);
   bool right = stringParam(params, "button") == "right";
   bool twice = flagParam(params, "double");
   std::string button = right ? "right" : "left";

@@ -1,5 +1,4 @@
 // browser/main.cpp: nurel-browser, the browser nurel drives on Linux: Chromium behind the socket.
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
