@@ -201,11 +201,11 @@ const servers = {
   nurel: {
     own: ['nurel', 'nurel-browser'],
     start(scratch) {
-      const wrapper = path.join(scratch, 'chromium');
-      fs.writeFileSync(wrapper, `#!/bin/sh\nexec ${chromium} '${hostRules}' "$@"\n`, { mode: 0o755 });
       const socket = path.join(scratch, 'agent.sock');
+      // The Chromium nurel finds itself (for Debian's launcher script, the browser it starts),
+      // unless NUREL_CHROMIUM names one for all three.
       const env = { NUREL_SOCKET: socket, XDG_DATA_HOME: path.join(scratch, 'data'),
-        NUREL_CHROMIUM: wrapper, NUREL_IDLE_MINUTES: '2' };
+        NUREL_CHROMIUM_FLAGS: hostRules, NUREL_IDLE_MINUTES: '2' };
       const client = new Client(path.join(build, 'nurel'), ['mcp'], env, scratch);
       return { client, find: { comm: 'nurel-browser', env: 'NUREL_SOCKET=' + socket } };
     },

@@ -81,8 +81,6 @@ async function main() {
   await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
   const site = `http://127.0.0.1:${server.address().port}`;
 
-  const wrapper = path.join(folder, 'chromium');
-  fs.writeFileSync(wrapper, `#!/bin/sh\nexec ${chromium} '${hostRules}' "$@"\n`, { mode: 0o755 });
   // The remote one: the switches a pool's headless Chromium might run with.
   const profile = path.join(folder, 'remote-profile');
   start(chromium, [hostRules, '--headless', '--remote-debugging-port=0', '--remote-debugging-address=127.0.0.1',
@@ -96,7 +94,7 @@ async function main() {
   const [port, browserPath] = active.split('\n');
 
   const transports = {
-    pipe: await backEndAt('pipe', { NUREL_CHROMIUM: wrapper }),
+    pipe: await backEndAt('pipe', { NUREL_CHROMIUM: chromium, NUREL_CHROMIUM_FLAGS: hostRules }),
     websocket: await backEndAt('websocket', { NUREL_CDP_URL: `ws://127.0.0.1:${port}${browserPath}` }),
   };
   const tabs = {};

@@ -120,6 +120,15 @@ Settings Settings::fromEnvironment(const std::string& dataFolder) {
     while (std::getline(folders, folder, ':'))
       if (!folder.empty()) settings.allowedFolders.push_back(folder);
   }
+  if (const char* flags = std::getenv("NUREL_CHROMIUM_FLAGS")) {
+    // One a line, as a switch may hold spaces ("--host-resolver-rules=MAP * 127.0.0.1").
+    std::stringstream lines(flags);
+    for (std::string line; std::getline(lines, line);) {
+      size_t start = line.find_first_not_of(" \t\r");
+      if (start != std::string::npos)
+        settings.chromiumFlags.push_back(line.substr(start, line.find_last_not_of(" \t\r") - start + 1));
+    }
+  }
   if (const char* url = std::getenv("NUREL_CDP_URL")) settings.cdpURL = url;
   if (const char* headers = std::getenv("NUREL_CDP_HEADERS")) settings.readHeaders(headers);
   return settings;
@@ -254,9 +263,11 @@ void Browser::startChromium(Engine& fresh) {
   }
   makeFolders(settings.dataFolder + "/profile");
   std::string log = settings.dataFolder + "/chromium.log";
+  std::vector<std::string> switches =
+      chromiumSwitches(settings.dataFolder + "/profile", settings.headed);
+  switches.insert(switches.end(), settings.chromiumFlags.begin(), settings.chromiumFlags.end());
   try {
-    fresh.chromium = std::make_unique<Chromium>(
-        program, chromiumSwitches(settings.dataFolder + "/profile", settings.headed), log);
+    fresh.chromium = std::make_unique<Chromium>(program, switches, log);
   } catch (const StartError& error) {
     throw Failure(error.what());
   }
@@ -342,6 +353,11 @@ void Browser::connectRemote(Engine& fresh) {
 
 Json Browser::call(const std::string& method, const Json& params, const std::string& session,
                    std::chrono::milliseconds timeout) {
+  return std::move(callAll({{method, params}}, session, timeout).front());
+}
+
+std::vector<Json> Browser::callAll(const std::vector<Cdp::Command>& commands,
+                                   const std::string& session, std::chrono::milliseconds timeout) {
   if (!session.empty()) {
     // A tab's call belongs to the Chromium the tab was in: when that one has gone, a request
     // still running on the tab says so, and leaves starting a fresh one to the next request.
@@ -351,7 +367,9 @@ Json Browser::call(const std::string& method, const Json& params, const std::str
   }
   std::shared_ptr<Engine> running = engine();
   try {
-    return running->cdp->call(method, params, session, timeout);
+    if (commands.size() == 1)
+      return {running->cdp->call(commands[0].first, commands[0].second, session, timeout)};
+    return running->cdp->callAll(commands, session, timeout);
   } catch (const NoAnswer&) {
     throw;  // only slow
   } catch (const BrowserLost&) {
@@ -610,16 +628,18 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
     tabsByID[tab->id] = tab;
     tabsBySession[tab->session] = tab;
   }
-  call("Page.enable", Json::object(), tab->session);
-  call("Page.setLifecycleEventsEnabled", {{"enabled", true}}, tab->session);
-  call("Network.enable", Json::object(), tab->session);
-  // Our own world in every document the tab loads, out of the page scripts' reach.
-  call("Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}},
-       tab->session);
-  call("Runtime.enable", Json::object(), tab->session);
-  call("Log.enable", Json::object(), tab->session);
-  // A file chooser comes to us (upload answers it), never as a window of the system's.
-  call("Page.setInterceptFileChooserDialog", {{"enabled", true}}, tab->session);
+  // Sent together: they are taken in order, and answered after the new page's first document
+  // is there (Page.enable 100 to 150 ms after attaching, the rest a few ms each after it).
+  callAll({{"Page.enable", Json::object()},
+           {"Page.setLifecycleEventsEnabled", {{"enabled", true}}},
+           {"Network.enable", Json::object()},
+           // Our own world in every document the tab loads, out of the page scripts' reach.
+           {"Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}}},
+           {"Runtime.enable", Json::object()},
+           {"Log.enable", Json::object()},
+           // A file chooser comes to us (upload answers it), never as a window of the system's.
+           {"Page.setInterceptFileChooserDialog", {{"enabled", true}}}},
+          tab->session);
   // Frames of other processes (another site's) come as targets of their own.
   attachFrames(tab, tab->session);
   Json tree = call("Page.getFrameTree", Json::object(), tab->session);

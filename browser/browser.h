@@ -43,6 +43,7 @@ struct Settings {
   std::vector<std::pair<std::string, std::string>> cdpHeaders;  ///< sent when connecting
   std::string cdpProblem;                  ///< why the headers can't be used, if they can't
   std::string websocketModule;             ///< the WebSocket module, loaded for a remote browser
+  std::vector<std::string> chromiumFlags;  ///< the person's switches for Chromium, after ours
   bool headed = false;                     ///< real windows instead of headless
   std::chrono::seconds loadTime{30};       ///< how long a page may take to load
   std::chrono::seconds scriptTime{30};     ///< how long a script may run
@@ -52,8 +53,8 @@ struct Settings {
   /// another machine, and it isn't ours to close.
   bool remote() const { return !cdpURL.empty(); }
 
-  /// From the environment: NUREL_HEADED, NUREL_TIMEOUT, NUREL_ALLOW_FILES, NUREL_CDP_URL,
-  /// NUREL_CDP_HEADERS.
+  /// From the environment: NUREL_HEADED, NUREL_TIMEOUT, NUREL_ALLOW_FILES,
+  /// NUREL_CHROMIUM_FLAGS (one switch a line), NUREL_CDP_URL, NUREL_CDP_HEADERS.
   static Settings fromEnvironment(const std::string& dataFolder);
   /// Reads NUREL_CDP_HEADERS: one "Name: value" a line. Sets cdpProblem (never quoting a
   /// line, which may hold a secret) when a line isn't one.
@@ -185,6 +186,8 @@ class Browser {
   Json call(const std::string& method, const Json& params = Json::object(),
             const std::string& session = {},
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  std::vector<Json> callAll(const std::vector<Cdp::Command>& commands, const std::string& session,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(30));
   // When `engine`'s Chromium has gone (after a moment for the pipe to say so: a write can fail
   // before the read sees the end), the line that says so; else nothing.
   std::optional<std::string> lost(const std::shared_ptr<Engine>& engine);

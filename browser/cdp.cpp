@@ -100,6 +100,40 @@ Json Cdp::call(const std::string& method, const Json& params, const std::string&
   return std::move(waiting->result);
 }
 
+std::vector<Json> Cdp::callAll(const std::vector<Command>& commands, const std::string& session,
+                               std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::vector<std::shared_ptr<Pending>> sent;
+  auto dropAll = [&] {  // with the lock held
+    for (auto& waiting : sent) pending.erase(waiting->id);
+  };
+  try {
+    for (auto& [method, params] : commands) sent.push_back(start(method, params, session));
+  } catch (const BrowserLost&) {
+    std::lock_guard<std::mutex> guard(lock);
+    dropAll();
+    throw;
+  }
+  std::vector<Json> results;
+  std::unique_lock<std::mutex> guard(lock);
+  for (size_t i = 0; i < sent.size(); ++i) {
+    auto& waiting = sent[i];
+    if (!answered.wait_until(guard, deadline, [&] { return waiting->done; })) {
+      dropAll();
+      auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout).count();
+      throw NoAnswer("Chromium didn't answer " + commands[i].first + " in " +
+                     std::to_string(seconds) + " s");
+    }
+    if (waiting->lost || waiting->refused) {
+      dropAll();
+      if (waiting->lost) throw BrowserLost(waiting->error);
+      throw CdpError(waiting->error);
+    }
+    results.push_back(std::move(waiting->result));
+  }
+  return results;
+}
+
 std::shared_ptr<Cdp::Pending> Cdp::start(const std::string& method, const Json& params,
                                          const std::string& session) {
   auto waiting = std::make_shared<Pending>();

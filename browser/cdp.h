@@ -79,6 +79,13 @@ class Cdp {
             const std::string& session = {},
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
+  /// Sends the commands one after another without waiting, then waits for all their answers
+  /// (one round trip for them all, where call() pays one each): their results, in order.
+  /// Throws as call() does, for the first that failed; `timeout` is for them all.
+  using Command = std::pair<std::string, Json>;
+  std::vector<Json> callAll(const std::vector<Command>& commands, const std::string& session = {},
+                            std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
   /// Sends a command and forgets it: its answer is dropped.
   void post(const std::string& method, const Json& params = Json::object(),
             const std::string& session = {});

@@ -6,13 +6,16 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -44,6 +47,26 @@ std::string onPath(const std::string& name) {
     start = colon + 1;
   }
   return {};
+}
+
+// Debian's chromium on the PATH is a launcher script: before it starts the browser in
+// <prefix>/lib/chromium it runs sixteen programs (uname, grep, find, expr, findmnt, ls, tr…),
+// 25 to 50 ms of every start here and more on a busy machine, for switches that don't matter
+// to a browser driven over a pipe, but for --disable-dev-shm-usage, which chromiumSwitches
+// sets itself. When the program found is such a script, the browser behind it is started.
+std::string behindLauncher(const std::string& found) {
+  char resolved[PATH_MAX];
+  if (!realpath(found.c_str(), resolved)) return found;
+  std::string path = resolved;
+  const std::string launcher = "/bin/chromium";
+  if (path.size() <= launcher.size() ||
+      path.compare(path.size() - launcher.size(), launcher.size(), launcher) != 0)
+    return found;
+  std::string browser = path.substr(0, path.size() - launcher.size()) + "/lib/chromium/chromium";
+  char start[2] = {};
+  std::ifstream(path, std::ios::binary).read(start, 2);
+  bool script = start[0] == '#' && start[1] == '!';
+  return script && executable(browser) ? browser : found;
 }
 
 // The thread that forks Chromium. A parent-death signal is sent when the thread that forked
@@ -100,7 +123,7 @@ std::string findChromium() {
   for (const char* name :
        {"chromium", "chromium-headless-shell", "google-chrome-stable", "google-chrome"}) {
     std::string path = onPath(name);
-    if (!path.empty()) return path;
+    if (!path.empty()) return behindLauncher(path);
   }
   throw StartError("no Chromium found: install the chromium package or set NUREL_CHROMIUM");
 }
@@ -145,6 +168,12 @@ std::vector<std::string> chromiumSwitches(const std::string& profile, bool heade
     switches.push_back("--hide-scrollbars");
     switches.push_back("--mute-audio");
   }
+  // Renderers share memory with the browser through /dev/shm. Where that is small (64 MiB in a
+  // container unless told otherwise) a large page crashes its renderer: Chromium then uses
+  // files under /tmp instead. The threshold is Debian's launcher's.
+  struct statvfs shm;
+  if (statvfs("/dev/shm", &shm) != 0 || uint64_t(shm.f_bavail) * shm.f_frsize < 4'080'218'931)
+    switches.push_back("--disable-dev-shm-usage");
   // Chromium refuses to run as root with its sandbox on.
   if (geteuid() == 0) switches.push_back("--no-sandbox");
   return switches;

@@ -19,11 +19,13 @@ class StartError : public std::runtime_error {
 };
 
 /// The Chromium to run: $NUREL_CHROMIUM when set, else the first of chromium,
-/// chromium-headless-shell, google-chrome-stable and google-chrome on PATH. Throws StartError.
+/// chromium-headless-shell, google-chrome-stable and google-chrome on PATH (for Debian's
+/// launcher script, the browser it starts). Throws StartError.
 std::string findChromium();
 
 /// The switches for a quiet, deterministic browser: no first run, no background networking,
-/// no updates or sync, headless unless `headed`, --no-sandbox when running as root.
+/// no updates or sync, headless unless `headed`, --no-sandbox when running as root,
+/// --disable-dev-shm-usage when /dev/shm is small.
 std::vector<std::string> chromiumSwitches(const std::string& profile, bool headed);
 
 /// A transport over two descriptors: NUL-ended messages written to one and read from the other.

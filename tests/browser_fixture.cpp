@@ -117,14 +117,8 @@ class Shared : public ::testing::Environment {
 // The Chromium the tests run: the first of chromium and chromium-headless-shell, resolving no
 // name but this machine's own, so that pages that name other hosts (the saved real pages do)
 // get no answer and nothing leaves the machine.
-void writeChromiumWrapper(const std::string& path) {
-  writeTestFile(path,
-                "#!/bin/sh\nfor name in chromium chromium-headless-shell; do\n"
-                "  if command -v $name >/dev/null; then exec $name "
-                "--host-resolver-rules='MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE localhost' \"$@\"; fi\n"
-                "done\nexit 127\n",
-                true);
-}
+// Chromium resolves no name but the machine's own: nothing a test page names is fetched.
+const char* const hostRules = "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1, EXCLUDE localhost";
 
 const auto* environment = ::testing::AddGlobalTestEnvironment(new Shared);
 
@@ -139,10 +133,7 @@ bool overWebSocket() {
 
 RemoteChromium& sharedRemote() { return *remote; }
 
-RemoteChromium::RemoteChromium() {
-  writeChromiumWrapper(dir.file("chromium"));
-  start();
-}
+RemoteChromium::RemoteChromium() { start(); }
 
 RemoteChromium::~RemoteChromium() { kill(); }
 
@@ -160,7 +151,7 @@ void RemoteChromium::start() {
   std::string portFile = dir.file("profile/DevToolsActivePort");
   std::filesystem::remove(portFile);
   // The back end's own switches, with a port in place of the pipe.
-  std::vector<std::string> words = {dir.file("chromium")};
+  std::vector<std::string> words = {browser::findChromium(), hostRules};
   for (std::string word : browser::chromiumSwitches(dir.file("profile"), false)) {
     if (word == "--remote-debugging-pipe") {
       word = "--remote-debugging-port=" + std::to_string(port);
@@ -353,14 +344,14 @@ int connectTo(const std::string& path) {
 }
 
 BackEnd::BackEnd(const Env& extra) {
-  writeChromiumWrapper(dir.file("chromium"));
   options.env = {{"NUREL_SOCKET", socket()},
                  {"XDG_DATA_HOME", dir.file("data")},
                  {"NUREL_TIMEOUT", "5"},
                  {"NUREL_IDLE_MINUTES", "10"},
                  {"NUREL_HEADED", std::nullopt},
                  {"NUREL_ALLOW_FILES", dir.file("allowed")},
-                 {"NUREL_CHROMIUM", dir.file("chromium")},
+                 {"NUREL_CHROMIUM", std::nullopt},
+                 {"NUREL_CHROMIUM_FLAGS", hostRules},
                  {"NUREL_CDP_URL", std::nullopt},
                  {"NUREL_CDP_HEADERS", std::nullopt}};
   // Downloads go where the person's user-dirs.dirs says: here, a folder of the test's.

@@ -13,6 +13,7 @@
 
 #include <filesystem>
 
+#include "browser/chromium.h"
 #include "link/json.h"
 #include "tests/browser_fixture.h"
 #include "tests/session.h"
@@ -426,6 +427,28 @@ TEST(Browser, WithoutAChromiumItSaysHowToGetOne) {
   BackEnd none(Env{{"PATH", "/nonexistent"}, {"NUREL_CHROMIUM", std::nullopt}});
   EXPECT_EQ(none.nurel({"open", url("/")}).err,
             "no Chromium found: install the chromium package or set NUREL_CHROMIUM\n");
+}
+
+TEST(Browser, DebiansLauncherScriptIsPassedOverAndThePersonsSwitchesAreAdded) {
+  if (overWebSocket()) GTEST_SKIP() << "no Chromium is started";
+  BackEnd place;
+  // A prefix laid out as Debian's package is: bin/chromium, a script, starts the browser in
+  // lib/chromium. Here the launcher only leaves a mark, and the "browser" starts the real one.
+  std::string prefix = place.file("prefix"), mark = place.file("launcher-ran");
+  std::filesystem::create_directories(prefix + "/bin");
+  std::filesystem::create_directories(prefix + "/lib/chromium");
+  writeTestFile(prefix + "/bin/chromium", "#!/bin/sh\ntouch '" + mark + "'\nexit 1\n", true);
+  writeTestFile(prefix + "/lib/chromium/chromium",
+                "#!/bin/sh\nexec '" + browser::findChromium() + "' \"$@\"\n", true);
+  place.options.env["PATH"] = prefix + "/bin:" + std::getenv("PATH");
+  // One switch a line, blank lines and the spaces around a switch ignored.
+  place.options.env["NUREL_CHROMIUM_FLAGS"] =
+      *place.options.env["NUREL_CHROMIUM_FLAGS"] + "\n\n  --user-agent=nurel's test agent \r\n";
+  Outcome opened = place.nurel({"open", url("/")});
+  EXPECT_EQ(opened.status, 0) << opened.err;
+  EXPECT_FALSE(std::filesystem::exists(mark));
+  std::string tab = opened.out.substr(0, opened.out.find(' '));
+  EXPECT_EQ(place.nurel({"eval", tab, "return navigator.userAgent"}).out, "nurel's test agent\n");
 }
 
 TEST(Browser, ACrashedPageIsSaidAndReloadBringsItBack) {
