@@ -313,10 +313,14 @@ void Browser::attachFrames(const std::shared_ptr<Tab>& tab, const std::string& s
     if (!tab->attaching.insert(session).second) return;
   }
   // Chromium answers after telling of the frames already there.
-  call("Target.setAutoAttach",
-       {{"autoAttach", true}, {"waitForDebuggerOnStart", false}, {"flatten", true},
-        {"filter", Json::array({{{"type", "iframe"}}})}},
-       session);
+  auto [method, params] = frameAutoAttach();
+  call(method, params, session);
+}
+
+Cdp::Command Browser::frameAutoAttach() {
+  return {"Target.setAutoAttach",
+          {{"autoAttach", true}, {"waitForDebuggerOnStart", false}, {"flatten", true},
+           {"filter", Json::array({{{"type", "iframe"}}})}}};
 }
 
 std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,

@@ -628,21 +628,27 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
     tabsByID[tab->id] = tab;
     tabsBySession[tab->session] = tab;
   }
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    tab->attaching.insert(tab->session);
+  }
   // Sent together: they are taken in order, and answered after the new page's first document
   // is there (Page.enable 100 to 150 ms after attaching, the rest a few ms each after it).
-  callAll({{"Page.enable", Json::object()},
-           {"Page.setLifecycleEventsEnabled", {{"enabled", true}}},
-           {"Network.enable", Json::object()},
-           // Our own world in every document the tab loads, out of the page scripts' reach.
-           {"Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}}},
-           {"Runtime.enable", Json::object()},
-           {"Log.enable", Json::object()},
-           // A file chooser comes to us (upload answers it), never as a window of the system's.
-           {"Page.setInterceptFileChooserDialog", {{"enabled", true}}}},
-          tab->session);
-  // Frames of other processes (another site's) come as targets of their own.
-  attachFrames(tab, tab->session);
-  Json tree = call("Page.getFrameTree", Json::object(), tab->session);
+  std::vector<Json> answers = callAll(
+      {{"Page.enable", Json::object()},
+       {"Page.setLifecycleEventsEnabled", {{"enabled", true}}},
+       {"Network.enable", Json::object()},
+       // Our own world in every document the tab loads, out of the page scripts' reach.
+       {"Page.addScriptToEvaluateOnNewDocument", {{"source", ""}, {"worldName", worldName}}},
+       {"Runtime.enable", Json::object()},
+       {"Log.enable", Json::object()},
+       // A file chooser comes to us (upload answers it), never as a window of the system's.
+       {"Page.setInterceptFileChooserDialog", {{"enabled", true}}},
+       // Frames of other processes (another site's) come as targets of their own.
+       frameAutoAttach(),
+       {"Page.getFrameTree", Json::object()}},
+      tab->session);
+  const Json& tree = answers.back();
   {
     std::lock_guard<std::mutex> guard(tab->lock);
     if (tab->loader.empty()) tab->loader = tree["frameTree"]["frame"].value("loaderId", "");

@@ -254,6 +254,8 @@ class Browser {
                   std::chrono::milliseconds most = {});
   // Attaches to the frames of other processes in `session`'s, once.
   void attachFrames(const std::shared_ptr<Tab>& tab, const std::string& session);
+  // The command that does it (attach() sends it with the tab's others).
+  static Cdp::Command frameAutoAttach();
   // `text`, a snapshot of `frame`, with those of the `count` frames it couldn't read put where
   // they stand; their refs recorded as their documents'.
   std::string withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
