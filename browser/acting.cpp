@@ -17,6 +17,15 @@ namespace nurel::browser {
 
 namespace {
 
+// The nearest whole number, halves away from zero, as std::round gives (0 for NaN). Written
+// out because round and lround were all nurel-browser took from the maths library, which costs
+// each back end 0.3 MiB resident.
+double nearest(double x) {
+  if (std::isnan(x)) return 0;
+  double within = std::clamp(x, -4.5e15, 4.5e15);
+  return static_cast<double>(static_cast<int64_t>(within < 0 ? within - 0.5 : within + 0.5));
+}
+
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
@@ -886,7 +895,7 @@ Json Browser::scroll(const Json& params) {
   }
   Json start = inWorld(tab, "__nurel.scrolled()", Library::page);
   double screen = inWorld(tab, "innerHeight").get<double>();
-  double dy = numberParam(params, "dy", std::round(screen * 0.9));
+  double dy = numberParam(params, "dy", nearest(screen * 0.9));
   double dx = numberParam(params, "dx", 0);
   mouse(tab, "mouseMoved", x, y);
   input(tab, "Input.dispatchMouseEvent",
@@ -962,7 +971,7 @@ Json Browser::inspect(const Json& params) {
   Json element = seen["element"];
   if (!place.frame.empty()) {
     Json box = inTopPage(tab, place, element["box"]);
-    for (const char* side : {"x", "y"}) box[side] = std::lround(box.value(side, 0.0));
+    for (const char* side : {"x", "y"}) box[side] = static_cast<int64_t>(nearest(box.value(side, 0.0)));
     element["box"] = box;
   }
   return element;

@@ -117,7 +117,7 @@ Json readInfo(const std::string& bundle) {
   std::optional<std::string> contents = contentsOf(bundle + "/Contents/Info.plist");
   if (!contents || contents->empty()) return Json::object();
   const std::string& data = *contents;
-  const PlistLibrary* plist = plistLibrary();
+  std::shared_ptr<const PlistLibrary> plist = plistLibrary();
   if (!plist) return Json::object();
   plist_t root = nullptr;
   plist->fromMemory(data.data(), static_cast<uint32_t>(data.size()), &root);
