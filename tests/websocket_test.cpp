@@ -3,6 +3,7 @@
 // http://, through that browser going away and coming back, and addresses that are wrong. These
 // run in the ctest browser.websocket, where the rest of the suite runs over a WebSocket too.
 #include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -11,6 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -218,6 +221,46 @@ TEST(WebSocket, AWrongAddressSaysWhatWasTried) {
   waitpid(started, nullptr, 0);
   EXPECT_EQ(runProgram(NUREL_BROWSER_BINARY, {"--cdp"}, options).err,
             "nurel-browser: --cdp needs a browser's DevTools address\n");
+}
+
+TEST(WebSocket, WithoutItsModuleTheBackEndSaysSoAndStillAnswers) {
+  ONLY_OVER_WEBSOCKET();
+  std::string nothing = "ws://127.0.0.1:" + std::to_string(unusedPort()) + "/devtools/browser/x";
+  BackEnd place;
+  // A bundle of nurel-browser alone, its PlugIns folder as each case leaves it.
+  std::string bundle = place.file("Nurel.app/Contents"), plugIns = bundle + "/PlugIns";
+  std::filesystem::create_directories(bundle + "/MacOS");
+  std::filesystem::create_directories(plugIns);
+  std::filesystem::copy_file(NUREL_BROWSER_BINARY, bundle + "/MacOS/nurel-browser");
+  std::string module = plugIns + "/nurel-websocket.so";
+  Dl_info libc{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&::strlen), &libc), 0);
+  auto errorOf = [&](const std::function<void()>& prepare) {
+    std::filesystem::remove(module);
+    prepare();
+    RunOptions options = place.options;
+    options.env["NUREL_CDP_URL"] = std::nullopt;
+    int null = open("/dev/null", O_RDWR);
+    pid_t started = startProgram(bundle + "/MacOS/nurel-browser", {"--cdp", nothing}, options,
+                                 null, null, null);
+    close(null);
+    EXPECT_TRUE(eventually([&] { return connectTo(place.socket()) >= 0; }));
+    std::string error = runProgram(NUREL_BINARY, {"open", url("/")}, options).err;
+    // Not retried: the same again at once, and the back end still answers what needs no browser.
+    EXPECT_EQ(runProgram(NUREL_BINARY, {"open", url("/")}, options).err, error);
+    EXPECT_EQ(runProgram(NUREL_BINARY, {"tabs"}, options).out, "no tabs\n");
+    kill(started, SIGTERM);
+    waitpid(started, nullptr, 0);
+    return error;
+  };
+  std::string start = "couldn't reach the browser at " + nothing + ": nurel-browser's WebSocket module ";
+  EXPECT_EQ(errorOf([] {}), start + "couldn't be loaded: " + module +
+                                ": cannot open shared object file: No such file or directory\n");
+  EXPECT_EQ(errorOf([&] { writeTestFile(module, std::string(4096, 'x')); }),
+            start + "couldn't be loaded: " + module + ": invalid ELF header\n");
+  // A library, but not the module: libc, which is loaded already.
+  EXPECT_EQ(errorOf([&] { std::filesystem::create_symlink(libc.dli_fname, module); }),
+            start + module + " is of another version\n");
 }
 
 TEST(WebSocket, HeadersGoWithEveryHandshakeAndAreNeverShown) {
