@@ -351,13 +351,8 @@ void Browser::connectRemote(Engine& fresh) {
   leftBehind.clear();
 }
 
-Json Browser::call(const std::string& method, const Json& params, const std::string& session,
-                   std::chrono::milliseconds timeout) {
-  return std::move(callAll({{method, params}}, session, timeout).front());
-}
-
-std::vector<Json> Browser::callAll(const std::vector<Cdp::Command>& commands,
-                                   const std::string& session, std::chrono::milliseconds timeout) {
+template <typename Send>
+auto Browser::sent(const std::string& session, Send send) {
   if (!session.empty()) {
     // A tab's call belongs to the Chromium the tab was in: when that one has gone, a request
     // still running on the tab says so, and leaves starting a fresh one to the next request.
@@ -367,15 +362,23 @@ std::vector<Json> Browser::callAll(const std::vector<Cdp::Command>& commands,
   }
   std::shared_ptr<Engine> running = engine();
   try {
-    if (commands.size() == 1)
-      return {running->cdp->call(commands[0].first, commands[0].second, session, timeout)};
-    return running->cdp->callAll(commands, session, timeout);
+    return send(*running->cdp);
   } catch (const NoAnswer&) {
     throw;  // only slow
   } catch (const BrowserLost&) {
     if (auto line = lost(running)) throw Failure(*line);
     throw;
   }
+}
+
+Json Browser::call(const std::string& method, const Json& params, const std::string& session,
+                   std::chrono::milliseconds timeout) {
+  return sent(session, [&](Cdp& cdp) { return cdp.call(method, params, session, timeout); });
+}
+
+std::vector<Json> Browser::callAll(const std::vector<Cdp::Command>& commands,
+                                   const std::string& session, std::chrono::milliseconds timeout) {
+  return sent(session, [&](Cdp& cdp) { return cdp.callAll(commands, session, timeout); });
 }
 
 std::optional<std::string> Browser::lost(const std::shared_ptr<Engine>& running) {

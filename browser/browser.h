@@ -188,6 +188,9 @@ class Browser {
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
   std::vector<Json> callAll(const std::vector<Cdp::Command>& commands, const std::string& session,
                             std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  // What `send` answers, given the Chromium of this request; a lost Chromium said as a Failure.
+  template <typename Send>
+  auto sent(const std::string& session, Send send);
   // When `engine`'s Chromium has gone (after a moment for the pipe to say so: a write can fail
   // before the read sees the end), the line that says so; else nothing.
   std::optional<std::string> lost(const std::shared_ptr<Engine>& engine);
