@@ -98,6 +98,13 @@ std::string lastLine(const std::string& path) {
   return last;
 }
 
+// A line without the spaces, tabs and carriage returns around it.
+std::string trimmed(const std::string& line) {
+  size_t start = line.find_first_not_of(" \t\r");
+  if (start == std::string::npos) return {};
+  return line.substr(start, line.find_last_not_of(" \t\r") - start + 1);
+}
+
 }  // namespace
 
 Settings Settings::fromEnvironment(const std::string& dataFolder) {
@@ -123,11 +130,8 @@ Settings Settings::fromEnvironment(const std::string& dataFolder) {
   if (const char* flags = std::getenv("NUREL_CHROMIUM_FLAGS")) {
     // One a line, as a switch may hold spaces ("--host-resolver-rules=MAP * 127.0.0.1").
     std::stringstream lines(flags);
-    for (std::string line; std::getline(lines, line);) {
-      size_t start = line.find_first_not_of(" \t\r");
-      if (start != std::string::npos)
-        settings.chromiumFlags.push_back(line.substr(start, line.find_last_not_of(" \t\r") - start + 1));
-    }
+    for (std::string line; std::getline(lines, line);)
+      if (std::string flag = trimmed(line); !flag.empty()) settings.chromiumFlags.push_back(flag);
   }
   if (const char* url = std::getenv("NUREL_CDP_URL")) settings.cdpURL = url;
   if (const char* headers = std::getenv("NUREL_CDP_HEADERS")) settings.readHeaders(headers);
@@ -139,11 +143,6 @@ void Settings::readHeaders(const std::string& lines) {
   cdpProblem.clear();
   std::stringstream text(lines);
   std::string line;
-  auto trimmed = [](std::string part) {
-    size_t start = part.find_first_not_of(" \t\r");
-    if (start == std::string::npos) return std::string();
-    return part.substr(start, part.find_last_not_of(" \t\r") - start + 1);
-  };
   for (int number = 1; std::getline(text, line); ++number) {
     if (trimmed(line).empty()) continue;
     size_t colon = line.find(':');
