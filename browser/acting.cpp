@@ -33,11 +33,11 @@ using namespace std::chrono_literals;
 constexpr size_t snapshotLimit = 40000;
 
 // An action's answer waits for its effects: until the document has been still for `stillFor`
-// and the requests it started have ended; at most `settle`, or `settleFetching` while its own
+// and the requests it started have ended; at most `settleMost`, or `settleFetching` while its own
 // requests run (then a load, when one began, is waited for on its own). A click that changes
 // the page at once is answered in about `stillFor`; a fixed wait of 150 ms made each click
 // about 200 ms (bench/README.md, figure 3).
-constexpr auto settle = 150ms;
+constexpr auto settleMost = 150ms;
 constexpr auto settleFetching = 1s;
 constexpr int stillFor = 50;  // ms
 
@@ -564,6 +564,7 @@ Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab, const RefPlace* 
   before.started = tab->startedLoading;
   before.loads = tab->loads;
   before.same = tab->sameDocument;
+  before.documents = tab->documents;
   before.downloads = tab->downloadsStarted;
   before.requests = tab->requests;
   tab->chooser.reset();
@@ -592,11 +593,8 @@ void Browser::mouse(const std::shared_ptr<Tab>& tab, const std::string& type, do
          {"clickCount", clicks}});
 }
 
-std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& before,
-                             const std::string& did) {
-  auto deadline = Clock::now() + settle;
-  std::vector<std::string> opened;
-  bool navigating = false, opening = false;
+void Browser::settle(const std::shared_ptr<Tab>& tab, const Before& before) {
+  auto deadline = Clock::now() + settleMost;
   auto happened = [&] {
     return tab->dialog || tab->gone || tab->startedLoading != before.started ||
            tab->sameDocument != before.same || !tab->opened.empty() ||
@@ -622,7 +620,25 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       // A document going or a dialog opening: the wait above sees which.
     }
   }
-  {
+}
+
+bool Browser::awaitCommit(const std::shared_ptr<Tab>& tab, const Before& before) {
+  // A navigation within the document (a fragment, the history API, the Navigation API) starts
+  // and stops loading the frame with no new document in between.
+  std::unique_lock<std::mutex> guard(tab->lock);
+  tab->changed.wait_until(guard, Clock::now() + settings.loadTime, [&] {
+    return tab->documents != before.documents || tab->loads != before.loads || !tab->loading ||
+           tab->gone || tab->crashed || tab->dialog || tab->downloadsStarted != before.downloads;
+  });
+  return tab->documents != before.documents || tab->loads != before.loads || tab->loading;
+}
+
+std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& before,
+                             const std::string& did) {
+  std::vector<std::string> opened;
+  bool navigating = false, opening = false;
+  settle(tab, before);
+  auto stopped = [&]() -> std::optional<std::string> {
     std::lock_guard<std::mutex> guard(tab->lock);
     if (tab->gone) return did + "; the tab closed";
     if (tab->dialog) {
@@ -630,8 +646,27 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       return did + "; a dialog opened: " + dialog.value("type", "alert") + " " +
              quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
     }
+    return std::nullopt;
+  };
+  if (auto line = stopped()) return *line;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
     navigating = tab->startedLoading != before.started;
     opening = !tab->opened.empty();
+  }
+  if (navigating && !awaitCommit(tab, before)) {
+    // It stayed in the document: what the page draws for its new address is waited for as
+    // for any change.
+    navigating = false;
+    Before moved = before;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      moved.started = tab->startedLoading;
+      moved.same = tab->sameDocument;
+      opening = !tab->opened.empty();
+    }
+    settle(tab, moved);
+    if (auto line = stopped()) return *line;
   }
   // A tab the page opened becomes the agent's, with an id of its own; others it opens at once
   // are given a moment to show.
@@ -677,6 +712,15 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       return answer + "; a file chooser opened: give it files with upload " + tab->id + " <ref> <file>";
   }
   if (!opened.empty() || answer.find("; a download started") != std::string::npos) return answer;
+  bool same;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    same = tab->sameDocument != before.same;
+  }
+  if (same) {
+    std::string line = describeTab(tab, "same page");
+    return answer + "; the page went to " + line.substr(line.find(' ') + 1);
+  }
   Json changes = inWorld(tab, "__nurel.changes()", Library::page);
   // Frames of other origins change apart from the page.
   if (!(changes.is_number() && changes.get<int>() > 0))
@@ -684,12 +728,6 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       changes = value;
       return !(value.is_number() && value.get<int>() > 0);
     });
-  bool same;
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    same = tab->sameDocument != before.same;
-  }
-  if (same) return answer + "; the address is now " + describeTab(tab).substr(tab->id.size() + 1);
   return answer + (changes.is_number() && changes.get<int>() > 0 ? "; the page changed"
                                                                   : "; nothing visible changed");
 }

@@ -478,6 +478,7 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
   } else if (method == "Page.frameNavigated") {
     const Json& frame = params.contains("frame") ? params["frame"] : params;
     if (!frame.contains("parentId")) {
+      ++tab->documents;
       tab->loader = frame.value("loaderId", "");
       tab->url = frame.value("url", "");
       tab->frames.clear();
@@ -497,7 +498,12 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
       ++tab->consoleDropped;
     }
   } else if (method == "Page.frameStartedLoading") {
-    if (params.value("frameId", "") == tab->targetId) ++tab->startedLoading;
+    if (params.value("frameId", "") == tab->targetId) {
+      ++tab->startedLoading;
+      tab->loading = true;
+    }
+  } else if (method == "Page.frameStoppedLoading") {
+    if (params.value("frameId", "") == tab->targetId) tab->loading = false;
   } else if (method == "Page.frameAttached") {
     tab->frames.insert(params.value("frameId", ""));
   } else if (method == "Page.fileChooserOpened") {

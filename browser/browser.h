@@ -79,6 +79,8 @@ struct Tab {
   std::string loader;                 // the loader of the document now in the main frame
   std::string url;                    // the main frame's address, as last navigated
   uint64_t startedLoading = 0;        // loads the main frame has started
+  bool loading = false;               // between the main frame's start and stop of loading
+  uint64_t documents = 0;             // documents committed in the main frame
   std::vector<std::string> opened;    // targets the page opened, not yet made tabs
   std::optional<Json> dialog;         // the JavaScript dialog showing, if any
   std::optional<Json> chooser;        // the file chooser the page opened, if any
@@ -221,7 +223,7 @@ class Browser {
 
   // Acting.
   struct Before {
-    uint64_t started = 0, loads = 0, same = 0, downloads = 0;
+    uint64_t started = 0, loads = 0, same = 0, downloads = 0, documents = 0;
     std::string url;
     std::set<std::string> requests;  // in flight before the action: not its own
   };
@@ -288,6 +290,15 @@ class Browser {
              const std::string& button = "none", int clicks = 0, int buttons = 0);
   // What an action did, after it: `did` and what followed (a load, a tab, a dialog, a change).
   std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did);
+  // Waits until what followed `before` rests: the document still and the requests it started
+  // ended, or something happened that the answer tells (a navigation, a dialog, a tab).
+  void settle(const std::shared_ptr<Tab>& tab, const Before& before);
+  // After a navigation began: waits until it commits a new document (true), or ends without
+  // one (false: it moved within the document, or came to nothing).
+  bool awaitCommit(const std::shared_ptr<Tab>& tab, const Before& before);
+  // The tab's line after it moved within its document, once what the page draws for the new
+  // address rests (when `before` was taken ahead of the move).
+  std::string sameDocument(const std::shared_ptr<Tab>& tab, const std::optional<Before>& before);
   std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
   void recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::string& frame = {},
                   const std::string& frameLoader = {});

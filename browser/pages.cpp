@@ -41,6 +41,19 @@ bool Browser::awaitChange(const std::shared_ptr<Tab>& tab, uint64_t loadsBefore,
 // Loads `url` in the tab and answers its line; throws Failure when the navigation failed.
 std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url) {
   auto deadline = Clock::now() + settings.loadTime;
+  // An address that differs from the page's only after "#" stays in the document: what the
+  // page draws for it is waited for as after an action.
+  std::optional<Before> before;
+  {
+    std::string now;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      now = tab->url;
+    }
+    if (!now.empty() && url.find('#') != std::string::npos &&
+        now.substr(0, now.find('#')) == url.substr(0, url.find('#')))
+      before = watch(tab);
+  }
   Json navigated;
   try {
     navigated = call("Page.navigate", {{"url", url}}, tab->session, settings.loadTime);
@@ -58,7 +71,7 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
     throw Failure("couldn't load " + url + ": " + error);
   }
   std::string loaderId = navigated.value("loaderId", "");
-  if (loaderId.empty()) return describeTab(tab);  // within the same document
+  if (loaderId.empty()) return sameDocument(tab, before);
   if (!awaitLoad(tab, loaderId, deadline))
     return describeTab(tab, "still loading after " + std::to_string(settings.loadTime.count()) +
                                 " s");
@@ -134,19 +147,35 @@ std::string Browser::goInHistory(const Json& params, int step) {
                entries[0].value("url", "") == "about:blank";
   if (!entries.is_array() || index < 0 || index >= int(entries.size()) || blank)
     throw Failure(tab->id + " has no " + (step < 0 ? "earlier" : "later") + " page");
-  uint64_t loads, same;
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    loads = tab->loads;
-    same = tab->sameDocument;
-  }
+  // The entry may be of the same document (a fragment, the history API): then the page
+  // draws it, and that is waited for as after an action.
+  Before before = watch(tab);
   auto deadline = Clock::now() + settings.loadTime;
   call("Page.navigateToHistoryEntry", {{"entryId", entries[size_t(index)].value("id", 0)}},
        tab->session);
-  if (!awaitChange(tab, loads, same, deadline))
+  if (!awaitChange(tab, before.loads, before.same, deadline))
     return describeTab(tab, "still loading after " + std::to_string(settings.loadTime.count()) +
                                 " s");
+  bool same;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    same = tab->loads == before.loads && tab->documents == before.documents;
+  }
+  if (same) return sameDocument(tab, before);
   return describeTab(tab);
+}
+
+std::string Browser::sameDocument(const std::shared_ptr<Tab>& tab, const std::optional<Before>& before) {
+  if (before) {
+    Before moved = *before;
+    {
+      std::lock_guard<std::mutex> guard(tab->lock);
+      moved.started = tab->startedLoading;
+      moved.same = tab->sameDocument;
+    }
+    settle(tab, moved);
+  }
+  return describeTab(tab, "same page");
 }
 
 Json Browser::back(const Json& params) { return goInHistory(params, -1); }
