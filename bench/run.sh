@@ -1,11 +1,13 @@
 #!/bin/sh
 # bench/run.sh: builds nurel and the benchmark programs in Release, installs the pinned Node.js
-# MCP servers (bench/package-lock.json), and prints the four figures.
+# MCP servers and command-line tools (bench/package-lock.json), and prints the four figures.
 #
 #   bench/run.sh [nurel_bench options]     e.g. bench/run.sh --figures 3 --runs 3
 #   bench/run.sh --peers [runs] [figures]  the browser path next to @playwright/mcp and
 #                                          chrome-devtools-mcp on the same Chromium (peers.mjs)
 #   bench/run.sh --snapshots [runs]        only the snapshots of the saved pages (--peers, figure 5)
+#   bench/run.sh --tasks [runs]            whole tasks next to agent-browser and @playwright/cli, and
+#                                          through MCP next to the two MCP servers (tasks.mjs)
 #
 # NUREL_BENCH_BUILD names the build folder (default: build-bench at the top of the tree).
 set -eu
@@ -29,6 +31,12 @@ if [ "${1:-}" = --peers ] || [ "${1:-}" = --snapshots ]; then
   figures=${3:-12345}
   [ "$1" = --snapshots ] && figures=5
   exec node "$bench/peers.mjs" "$build" "${2:-3}" "$figures"
+fi
+if [ "${1:-}" = --tasks ]; then
+  # Tasks done as an agent does them, next to the command-line tools and the MCP servers.
+  cmake --build "$build" -j 2 --target nurel nurel-browser >/dev/null
+  install_peers
+  exec node "$bench/tasks.mjs" "$build" "${2:-3}"
 fi
 cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_floor_dynamic \
   nurel_bench_run nurel_bench_relay nurel_bench_json >/dev/null
