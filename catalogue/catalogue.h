@@ -29,6 +29,13 @@ const OrderedJson& intentSchema();
 /// The tools a step of a batch (or of a scenario) may name, in the schema's order.
 const std::vector<std::string>& batchTools();
 
+/// The fields a step of a batch may give for `tool` besides "do": its input schema's properties
+/// but "tab", in the schema's order; empty for a tool a step may not name.
+std::vector<std::string> batchFields(const std::string& tool);
+
+/// Every step of a batch with its fields, one a line: "click: ref, x, y, double, button, intent".
+std::vector<std::string> batchVocabulary();
+
 /// A tool dictionary: name, description, inputSchema {type, properties, required} and
 /// annotations {readOnlyHint, openWorldHint}, the hints following from the name alone.
 OrderedJson tool(const std::string& name, const std::string& description,

@@ -442,5 +442,19 @@ TEST(Catalogue, FilesAndScenarioValuesAreCollectionsOfStrings) {
             properties("run_scenario")["values"].dump());
 }
 
+
+// A batch's vocabulary is each batch tool with its schema's fields; the README lists it as is.
+TEST(Catalogue, TheBatchVocabularyIsTheSchemasAndTheReadmeListsIt) {
+  std::vector<std::string> lines = batchVocabulary();
+  ASSERT_EQ(lines.size(), batchTools().size());
+  EXPECT_EQ(lines[0], "click: ref, x, y, double, button, intent");
+  EXPECT_EQ(batchFields("select_option"), (Names{"ref", "option", "intent"}));
+  EXPECT_TRUE(batchFields("open_tab").empty());
+  EXPECT_TRUE(batchFields("no_such_tool").empty());
+  std::string readme = testing::readFile(NUREL_TEST_DIR "/../README.md").value_or("");
+  for (const std::string& line : lines)
+    EXPECT_NE(readme.find("    " + line + "\n"), std::string::npos) << line;
+}
+
 }  // namespace
 }  // namespace nurel

@@ -6,6 +6,8 @@
 // description mentions are the browser's to enforce; no schema declares them.
 #include "catalogue/catalogue.h"
 
+#include <algorithm>
+
 #include <string>
 #include <vector>
 
@@ -62,6 +64,29 @@ const std::vector<std::string>& batchTools() {
       "describe_page", "get_text", "find", "inspect", "console", "evaluate", "emulate"};
   // clang-format on
   return names;
+}
+
+std::vector<std::string> batchFields(const std::string& name) {
+  const std::vector<std::string>& allowed = batchTools();
+  if (std::find(allowed.begin(), allowed.end(), name) == allowed.end()) return {};
+  std::vector<std::string> fields;
+  for (const OrderedJson& tool : tools()) {
+    if (tool["name"] != name) continue;
+    for (auto& [field, schema] : tool["inputSchema"]["properties"].items())
+      if (field != "tab") fields.push_back(field);
+  }
+  return fields;
+}
+
+std::vector<std::string> batchVocabulary() {
+  std::vector<std::string> lines;
+  for (const std::string& tool : batchTools()) {
+    std::string line = tool + ":";
+    std::vector<std::string> fields = batchFields(tool);
+    for (size_t i = 0; i < fields.size(); ++i) line += (i ? ", " : " ") + fields[i];
+    lines.push_back(fields.empty() ? tool + " (no fields)" : line);
+  }
+  return lines;
 }
 
 const OrderedJson& tools() {

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cstdio>
 
+#include "catalogue/catalogue.h"
+
 namespace nurel {
 
 namespace {
@@ -106,6 +108,17 @@ std::string manualCommands(const std::vector<UsageEntry>& entries) {
   return out;
 }
 
+std::string manualBatch() {
+  std::string out;
+  for (const std::string& line : batchVocabulary()) {
+    size_t colon = line.find(':');
+    std::string name = line.substr(0, colon == std::string::npos ? line.find(' ') : colon);
+    std::string fields = colon == std::string::npos ? "(no fields)" : line.substr(colon + 2);
+    out += ".TP\n\\fB" + roffText(name) + "\\fR\n" + roffText(fields) + "\n";
+  }
+  return out;
+}
+
 std::string manualPage(std::string_view page, const std::vector<UsageEntry>& entries) {
   std::string out;
   bool filled = false;
@@ -116,6 +129,8 @@ std::string manualPage(std::string_view page, const std::vector<UsageEntry>& ent
     if (line == "@COMMANDS@") {
       out += manualCommands(entries);
       filled = true;
+    } else if (line == "@BATCH@") {
+      out += manualBatch();
     } else {
       out += std::string(line) + "\n";
     }

@@ -33,13 +33,17 @@ std::string roffSynopsis(std::string_view synopsis);
 /// One tagged paragraph per usage entry: the synopsis, then the description.
 std::string manualCommands(const std::vector<UsageEntry>& entries);
 
+/// One tagged paragraph per action a batch can do: its name, then its fields.
+std::string manualBatch();
+
 /// A manual page without the line that the commands replace.
 class ManualError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// `page` with every line that is exactly "@COMMANDS@" replaced by `manualCommands(entries)`.
+/// `page` with every line that is exactly "@COMMANDS@" replaced by `manualCommands(entries)`,
+/// and every "@BATCH@" by `manualBatch()`.
 /// Throws ManualError when the page has no such line.
 std::string manualPage(std::string_view page, const std::vector<UsageEntry>& entries);
 

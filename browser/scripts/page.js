@@ -70,8 +70,41 @@
     return true;
   };
 
+  // Elements the page listens to for double clicks (the back end finds them): each reacts
+  // itself, or, for a list that listens for its items (a listener set once for all rows), the
+  // texts in it do.
+  const doubleClicks = new WeakSet();
+  const keepDoubleClicks = (found) => {
+    for (const element of found) {
+      if (!(element instanceof Element) || ['html', 'body'].includes(element.localName)) continue;
+      if (!element.matches('ul, ol, table, tbody, [role=list], [role=grid], [role=listbox]')) {
+        // One that holds blocks of its own (an app's root, where a framework listens for
+        // everything) says nothing of what in it reacts.
+        if (!element.querySelector('p, div, section, article, main, header, footer, nav, form, ul, ol, table, h1, h2, h3, h4, h5, h6'))
+          doubleClicks.add(element);
+        continue;
+      }
+      let count = 0;
+      for (const inner of element.querySelectorAll('*')) {
+        if (count >= 200) break;
+        if (inner.children.length || !squash(inner.textContent) || widgets.has(roleOf(inner))) continue;
+        doubleClicks.add(inner);
+        ++count;
+      }
+    }
+    return true;
+  };
   const squash = (text) => (text || '').replace(/\s+/g, ' ').trim();
-  const clip = (text, most) => text.length > most ? text.slice(0, most - 1) + '…' : text;
+  // "Words:" and "12,345" as "Words: 12,345".
+  const labelled = (term, value) => !value ? term : /[:：]$/.test(term) ? term + ' ' + value :
+    term + ': ' + value;
+  // Cut at a word's end, so that no figure or name is cut through.
+  const clip = (text, most) => {
+    if (text.length <= most) return text;
+    const cut = text.slice(0, most - 1);
+    const space = cut.lastIndexOf(' ');
+    return (space > most / 2 ? cut.slice(0, space) : cut) + '…';
+  };
   const landmarks = new Set(['banner', 'navigation', 'main', 'complementary', 'contentinfo',
     'search', 'form', 'region', 'dialog', 'alertdialog']);
   const widgets = new Set(['button', 'link', 'textbox', 'searchbox', 'checkbox', 'radio',
@@ -84,6 +117,9 @@
 
   const sectioned = (element) => !!element.parentElement &&
     !!element.parentElement.closest('article, aside, main, nav, section');
+  // A row of headers only (a table without thead) heads its columns.
+  const headerRow = (cell) => cell.scope !== 'row' && !!cell.parentElement && cell.parentElement.localName === 'tr' &&
+    Array.from(cell.parentElement.cells).every((other) => other.localName === 'th') && cell.parentElement.cells.length > 1;
   const implicitRole = (element) => {
     const tag = element.localName;
     switch (tag) {
@@ -124,7 +160,7 @@
       case 'table': return 'table';
       case 'tr': return 'row';
       case 'td': return 'cell';
-      case 'th': return element.closest('thead') || element.scope === 'col' ? 'columnheader' : 'rowheader';
+      case 'th': return element.closest('thead') || element.scope === 'col' || headerRow(element) ? 'columnheader' : 'rowheader';
       case 'fieldset': return 'group';
       case 'legend': return 'legend';
       case 'caption': return 'caption';
@@ -174,7 +210,33 @@
     return (labelledBy && byIds(labelledBy)) || squash(element.getAttribute('aria-label')) ||
       squash(element.getAttribute('title'));
   };
-  const nameOf = (element, role) => {
+  const nameOf = (element, role) => givenName(element, role) || contextName(element, role);
+  // What CSS writes into an element (content of ::before and ::after), without icon fonts'
+  // private characters.
+  const generated = (element) => {
+    let out = '';
+    for (const part of ['::before', '::after']) {
+      const content = getComputedStyle(element, part).content;
+      if (!content || content === 'none' || content === 'normal') continue;
+      for (const [, text] of content.matchAll(/"((?:[^"\\]|\\.)*)"/g)) out += ' ' + text.replace(/\\(.)/g, '$1');
+    }
+    return squash(out.replace(/[\ue000-\uf8ff]/g, ''));
+  };
+  // A control that says nothing itself is named by what stands for it: the text CSS puts in
+  // it, an icon's title, else (for something to act on) the text of the row or list item it
+  // is in, as a person reads "walk the dog" beside its box.
+  const contextName = (element, role) => {
+    if (!(widgets.has(role) || clickable(element))) return '';
+    for (const inner of [element, ...element.querySelectorAll('*')].slice(0, 20)) {
+      if (inner !== element && !shown(inner)) continue;
+      const said = generated(inner) || (inner !== element && squash(inner.getAttribute('aria-label') || inner.getAttribute('title'))) ||
+        (inner.localName === 'svg' && squash(inner.querySelector(':scope > title') && inner.querySelector(':scope > title').textContent));
+      if (said) return said;
+    }
+    const row = element.parentElement && element.parentElement.closest('li, tr, [role=row], [role=listitem]');
+    return row ? clip(squash(textOf(row, element)), 80) : '';
+  };
+  const givenName = (element, role) => {
     const labelledBy = element.getAttribute('aria-labelledby');
     if (labelledBy) {
       const text = byIds(labelledBy);
@@ -223,7 +285,7 @@
     return element.getClientRects().length > 0;
   };
   const clickable = (element) => {
-    if (element.hasAttribute('onclick') || element.hasAttribute('onmousedown')) return true;
+    if (element.hasAttribute('onclick') || element.hasAttribute('onmousedown') || doubleClicks.has(element)) return true;
     const tabindex = element.getAttribute('tabindex');
     if (tabindex !== null && Number(tabindex) >= 0) return true;
     if (element.isContentEditable) return true;
@@ -240,10 +302,38 @@
   // Clickable only by its pointer cursor: no handler in its attributes, not focusable, not editable.
   const pointerOnly = (element) => !element.hasAttribute('onclick') && !element.hasAttribute('onmousedown') &&
     !(Number(element.getAttribute('tabindex') ?? -1) >= 0) && !element.isContentEditable;
+  const meets = (box) => box.bottom > 0 && box.right > 0 && box.top < innerHeight && box.left < innerWidth &&
+    (box.width > 0 || box.height > 0);
+  // Whether any box of the element (an inline one may take several lines) is on the screen.
   const onScreen = (element) => {
-    const box = element.getBoundingClientRect();
-    return box.bottom > 0 && box.right > 0 && box.top < innerHeight && box.left < innerWidth &&
-      (box.width > 0 || box.height > 0);
+    if (!meets(element.getBoundingClientRect())) return false;
+    const boxes = element.getClientRects();
+    for (const box of boxes) if (meets(box)) return true;
+    return boxes.length === 0;
+  };
+  // A text's own lines, where its element lies across the screen's edge.
+  const textOnScreen = (node) => {
+    const parent = node.parentElement;
+    if (parent) {
+      const box = parent.getBoundingClientRect();
+      if (!meets(box)) return false;
+      if (box.top >= 0 && box.left >= 0 && box.bottom <= innerHeight && box.right <= innerWidth) return true;
+    }
+    const range = document.createRange();
+    range.selectNodeContents(node);
+    for (const box of range.getClientRects()) if (meets(box)) return true;
+    return false;
+  };
+  // The last line of a viewport snapshot: where the screen is in the page, and how to see more.
+  const whereTheScreenIs = () => {
+    const scroller = document.scrollingElement || document.documentElement;
+    const height = Math.max(innerHeight, Math.round(scroller ? scroller.scrollHeight : 0));
+    const top = Math.round(scrollY), bottom = Math.min(height, top + innerHeight);
+    const amount = (px) => px <= 0 ? 'nothing' : px.toLocaleString('en') + ' px' +
+      (px >= innerHeight ? ' (' + Math.round(px / innerHeight) + (px < 1.5 * innerHeight ? ' screen)' : ' screens)') : '');
+    return '[the screen shows ' + top.toLocaleString('en') + ' to ' + bottom.toLocaleString('en') + ' of ' +
+      height.toLocaleString('en') + ' px: ' + amount(top) + ' above, ' + amount(height - bottom) +
+      ' below; scroll to see more, or take a full snapshot]';
   };
 
   const statesOf = (element, role) => {
@@ -260,6 +350,7 @@
       if (checked) states.push('checked');
       if (tag === 'input' && element.indeterminate || aria('checked') === 'mixed') states.push('mixed');
     }
+    if (doubleClicks.has(element)) states.push('double-click');
     if (aria('pressed') === 'true') states.push('pressed');
     if (aria('expanded') === 'true' || tag === 'details' && element.open) states.push('expanded');
     else if (aria('expanded') === 'false') states.push('collapsed');
@@ -350,6 +441,9 @@
       }
       return Array.from(node.childNodes);
     };
+    // In viewport mode: the last heading of each level that lies above the screen, to place
+    // what is on it.
+    const placing = [];
     const build = (node, out) => {
       if (node.frameOwner) {
         if (!viewportOnly || onScreen(node.frameOwner)) out.push({ frame: frameOwners.push(node.frameOwner) - 1 });
@@ -357,7 +451,7 @@
       }
       if (node.nodeType === Node.TEXT_NODE) {
         const text = squash(node.data);
-        if (text && !interactiveOnly) out.push({ text });
+        if (text && !interactiveOnly && (!viewportOnly || textOnScreen(node))) out.push({ text });
         return;
       }
       if (node.nodeType !== Node.ELEMENT_NODE && node.nodeType !== Node.DOCUMENT_FRAGMENT_NODE) return;
@@ -394,9 +488,18 @@
         out.push(...children);
         return;
       }
-      if (viewportOnly && actionable && !onScreen(element)) {
-        out.push(...children.filter((c) => !c.text));
-        return;
+      if (viewportOnly && !onScreen(element)) {
+        // Off the screen: only what of it shows (a menu that hangs out of its bar), in place.
+        if (role === 'heading' && children.length === 0 && element.getBoundingClientRect().bottom <= 0) {
+          const level = Number(statesOf(element, role)[0].slice('level='.length)) || 2;
+          placing.length = Math.min(placing.length, level - 1);
+          placing[level - 1] = { role, name: clip(nameOf(element, role), 150), states: ['level=' + level], children: [] };
+        }
+        if (!children.length) return;
+        if (actionable || !role) {
+          out.push(...children);
+          return;
+        }
       }
       let name = role ? nameOf(element, role) : '';
       // Something clickable by script around links or buttons (a card) is named by its own
@@ -416,6 +519,7 @@
       else if (interactiveOnly) keep = role === 'heading';
       else if (role === 'paragraph' || role === 'listitem') keep = false;
       else keep = true;
+      const tag = element.localName;
       if (!keep) {
         if (role === 'img' && name && !interactiveOnly) out.push({ text: '[image] ' + clip(name, 100) });
         else if ((role === 'paragraph' || role === 'listitem') && !interactiveOnly) {
@@ -424,13 +528,32 @@
             out.push({ text: (role === 'listitem' ? '• ' : '') + texts, block: true });
           } else {
             // Text and links mixed: each as it comes, the text apart from what came before.
-            if (children.length && children[0].text !== undefined) children[0] = { ...children[0], block: true };
+            if (children.length && children[0].text !== undefined) children[0] = { ...children[0], start: true };
             out.push(...children);
           }
+        } else if (!interactiveOnly && (tag === 'dt' || tag === 'dd') &&
+                   children.length && children.every((c) => c.text !== undefined)) {
+          // A term and what it says: paired up by the list around them.
+          out.push({ text: squash(children.map((c) => c.text).join(' ')), [tag]: true });
+        } else if (!interactiveOnly && tag === 'dl') {
+          out.push(...pairs(children));
         } else {
           out.push(...children);
         }
         return;
+      }
+      if (role === 'row' && !interactiveOnly) {
+        // A row led by its header (an infobox's "Capital | Wellington") reads as one line.
+        const [head, ...cells] = children;
+        if (head && head.role === 'rowheader' && !head.ref && !head.children.length && head.name &&
+            cells.length && cells.every((c) => c.role === 'cell' && !c.ref)) {
+          const said = cells.map((c) => (c.name ? c.said : '')).filter(Boolean).join(' ');
+          const inside = cells.flatMap((c) => c.children);
+          out.push({ text: said ? labelled(head.said, said) : labelled(head.said, '') + (/[:：]$/.test(head.said) ? '' : ':'),
+            block: !inside.length, start: true });
+          out.push(...inside);
+          return;
+        }
       }
       const item = { role, name: clip(name, interactiveOnly ? 80 : 150), said: name, states: statesOf(element, role), children };
       if (role === 'link' && typeof element.href === 'string') item.href = element.href;
@@ -468,10 +591,26 @@
           !['separator', 'iframe', 'dialog', 'alertdialog'].includes(role)) return;
       out.push(item);
     };
+    // The items of a description list, each term with its descriptions on one line.
+    const pairs = (items) => {
+      const out = [];
+      for (const item of items) {
+        const last = out[out.length - 1];
+        if (item.dd && last && last.pair) {
+          last.text = last.values++ ? last.text + ', ' + item.text : labelled(last.text, item.text);
+        } else if (item.dt || item.dd) {
+          out.push({ text: item.text, block: true, pair: !!item.dt, values: 0 });
+        } else {
+          out.push(item);
+        }
+      }
+      return out;
+    };
     const holdsLink = (items) => items.some((item) => (item.ref && item.role === 'link') || (item.children && holdsLink(item.children)));
     const holdsRefs = (items) => items.some((item) => item.ref || (item.children && holdsRefs(item.children)));
     const root = [];
     build(document.body || document.documentElement, root);
+    if (viewportOnly) root.unshift(...placing.filter(Boolean));
 
     // Writes the tree; consecutive texts are joined, and a text said just before is not said again.
     const lines = [];
@@ -515,7 +654,7 @@
         }
         if (item.text !== undefined) {
           // A paragraph's text is a line of its own; inline pieces join the text around them.
-          if (item.block) flush();
+          if (item.block || item.start) flush();
           pending.push(item.text);
           if (item.block) flush();
           continue;
@@ -542,6 +681,7 @@
       flush();
     };
     write(root, 0);
+    if (viewportOnly) lines.push(whereTheScreenIs());
     return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length, hosts: hostsToAsk.length };
   };
 
@@ -718,15 +858,61 @@
     });
     kept.sort((a, b) => (actionable(b) - actionable(a)) ||
       (squash(a.textContent).length - squash(b.textContent).length));
-    const lines = kept.slice(0, 20).map((candidate) => {
+    // A label named by its field's own line says nothing more, nor a group by its legend's.
+    const shownKept = kept.filter((candidate) => !(candidate.localName === 'label' && candidate.control &&
+      kept.includes(candidate.control)) && !(candidate.localName === 'fieldset' &&
+      kept.includes(candidate.querySelector(':scope > legend'))));
+    const lines = shownKept.slice(0, 20).map((candidate) => {
       refOf(candidate);
-      const role = roleOf(candidate);
-      const states = role ? statesOf(candidate, role) : [];
-      return '- ' + label(candidate).replace(/ \[ref=/, states.map((s) => ' [' + s + ']').join('') + ' [ref=');
+      const value = labelledBy(candidate);
+      return '- ' + fullLabel(candidate) + (value ? ': ' + value : '');
     });
-    if (kept.length > 20) lines.push(`(and ${kept.length - 20} more: say more of the text)`);
+    if (shownKept.length > 20) lines.push(`(and ${shownKept.length - 20} more: say more of the text)`);
     return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used,
-      found: kept.length };
+      found: shownKept.length };
+  };
+  // A line of find's, with the element's states: role "name" [states] [ref=eN].
+  const fullLabel = (found) => {
+    const role = roleOf(found);
+    const states = role ? statesOf(found, role) : [];
+    return label(found).replace(/ \[ref=/, states.map((s) => ' [' + s + ']').join('') + ' [ref=');
+  };
+  // What a label found by find labels: a row header's cells, a term's descriptions, a column
+  // header's cells (the first ten), a label's field, a legend's fields; '' for anything else.
+  const labelledBy = (found) => {
+    if (['input', 'select', 'textarea', 'button'].includes(found.localName)) return '';
+    const holder = found.closest('th, dt, label, legend');
+    if (!holder) return '';
+    const said = (cell) => squash(textOf(cell));
+    const tag = holder.localName;
+    if (tag === 'th') {
+      const row = holder.parentElement;
+      if (!row || row.localName !== 'tr') return '';
+      const role = roleOf(holder);
+      if (role === 'columnheader') {
+        const table = holder.closest('table');
+        const column = holder.cellIndex;
+        const cells = [];
+        for (const other of table ? table.rows : []) {
+          if (other === row || other.parentElement.localName === 'thead') continue;
+          const cell = other.cells[column];
+          if (cell && shown(cell) && said(cell)) cells.push(said(cell));
+        }
+        return cells.slice(0, 10).join(', ') + (cells.length > 10 ? ` (and ${cells.length - 10} more)` : '');
+      }
+      return Array.from(row.cells).filter((cell) => cell !== holder && shown(cell)).map(said).filter(Boolean).join(' | ');
+    }
+    if (tag === 'dt') {
+      const values = [];
+      for (let next = holder.nextElementSibling; next && next.localName !== 'dt'; next = next.nextElementSibling)
+        if (next.localName === 'dd' && shown(next) && said(next)) values.push(said(next));
+      return values.join(', ');
+    }
+    if (tag === 'label') return holder.control && shown(holder.control) ? (refOf(holder.control), fullLabel(holder.control)) : '';
+    const fields = holder.parentElement && holder.parentElement.localName === 'fieldset'
+      ? Array.from(holder.parentElement.querySelectorAll('input:not([type=hidden]), select, textarea')).filter(shown) : [];
+    return fields.slice(0, 8).map((field) => (refOf(field), fullLabel(field))).join(', ') +
+      (fields.length > 8 ? ` (and ${fields.length - 8} more)` : '');
   };
   const usualStyles = ['display', 'position', 'top', 'left', 'width', 'height', 'margin', 'padding',
     'border', 'color', 'background-color', 'font-family', 'font-size', 'font-weight', 'line-height',
@@ -858,5 +1044,5 @@
 
   globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still, drawn,
     scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
-    closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot };
+    closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot, keepDoubleClicks };
 })()

@@ -17,7 +17,7 @@ done
 
 text=$(LC_ALL=C.UTF-8 MANWIDTH=80 MAN_KEEP_FORMATTING= man -l "$page" 2>/dev/null | col -bx)
 check "first line" "NUREL(1)" "$(printf '%s\n' "$text" | head -1 | awk '{print $1}')"
-for section in NAME SYNOPSIS DESCRIPTION OPTIONS COMMANDS OUTPUT "MCP MODE" ENVIRONMENT FILES \
+for section in NAME SYNOPSIS DESCRIPTION OPTIONS COMMANDS "BATCH ACTIONS" OUTPUT "MCP MODE" ENVIRONMENT FILES \
     "EXIT STATUS" EXAMPLES "SEE ALSO"; do
     check "section $section" "$section" "$(printf '%s\n' "$text" | grep -x "$section")"
 done
@@ -32,11 +32,16 @@ check_contains "exit status 1" "$text" $'\n       1      Anything else'
 # Every command of the table, and only those, heads an entry of COMMANDS.
 # An entry's tag is the synopsis, on a line of its own or followed by two spaces and the
 # description; "back <tab> | forward <tab>" heads one entry for two commands.
-commands=$(printf '%s\n' "$text" | sed -n '/^COMMANDS$/,/^OUTPUT$/p' |
+commands=$(printf '%s\n' "$text" | sed -n '/^COMMANDS$/,/^BATCH ACTIONS$/p' |
     grep -E '^       [a-z]+( *$| <| \[| \||  )' | sed -E 's/^ +//; s/  .*$//' |
     awk -F ' [|] ' '{ for (i = 1; i <= NF; i++) { split($i, w, " "); print w[1] } }' | sort)
 check "COMMANDS names the commands of the table, guide and mcp" \
     "$(words $(table_commands "$source"))" "$(words $commands)"
+
+# BATCH ACTIONS gives each action a batch can do with its fields, as the tool schemas have them.
+check_contains "batch actions: click and its fields" "$text" \
+    $'\n       click  ref, x, y, double, button, intent\n'
+check_contains "batch actions: the last one" "$text" $'\n       emulate\n              color_scheme, media, width, height\n'
 
 # Each entry of the usage text, synopsis and description, reads the same in the page (white
 # space aside: the page fills and wraps lines; wide enough, it breaks no word).
