@@ -260,10 +260,12 @@ void Browser::startChromium(Engine& fresh) {
   } catch (const StartError& error) {
     throw Failure(error.what());
   }
-  makeFolders(settings.dataFolder + "/profile");
-  std::string log = settings.dataFolder + "/chromium.log";
-  std::vector<std::string> switches =
-      chromiumSwitches(settings.dataFolder + "/profile", settings.headed);
+  std::string profile = settings.dataFolder + "/" + settings.profile;
+  makeFolders(profile);
+  // The default profile's log keeps its old place; another's lies beside its folder.
+  std::string log = settings.dataFolder + "/" +
+                    (settings.profile == "profile" ? std::string("chromium") : settings.profile) + ".log";
+  std::vector<std::string> switches = chromiumSwitches(profile, settings.headed);
   switches.insert(switches.end(), settings.chromiumFlags.begin(), settings.chromiumFlags.end());
   try {
     fresh.chromium = std::make_unique<Chromium>(program, switches, log);
@@ -680,6 +682,22 @@ std::string Browser::describeTab(const std::shared_ptr<Tab>& tab, const std::str
   std::string line = tab->id + " " + url + " " + quote(title);
   if (!note.empty()) line += " (" + note + ")";
   return line;
+}
+
+std::string profileFor(const std::string& socket) {
+  uint32_t hash = 2166136261u;  // FNV-1a
+  for (unsigned char c : socket) hash = (hash ^ c) * 16777619u;
+  std::string name;
+  for (char c : socket) {
+    bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_';
+    if (plain) name += c;
+    else if (!name.empty() && name.back() != '-') name += '-';
+  }
+  if (name.size() > 40) name.erase(0, name.size() - 40);
+  while (!name.empty() && (name.front() == '-' || name.front() == '.')) name.erase(0, 1);
+  char hex[9];
+  std::snprintf(hex, sizeof hex, "%08x", hash);
+  return "profiles/" + name + (name.empty() || name.back() == '-' ? "" : "-") + hex;
 }
 
 std::string checkedAddress(const std::string& given,

@@ -37,6 +37,9 @@ class Failure : public std::runtime_error {
 
 struct Settings {
   std::string dataFolder;                  ///< the profile and Chromium's log go here
+  /// The profile's folder, under dataFolder: "profile" for the default socket; for another,
+  /// "profiles/<name>" (profileFor), so that back ends of several sockets each run a Chromium.
+  std::string profile = "profile";
   /// A browser elsewhere to drive instead of starting Chromium: its DevTools WebSocket
   /// (ws://, wss://) or an http:// address whose /json/version names it. Empty: our own.
   std::string cdpURL;
@@ -252,6 +255,9 @@ class Browser {
   // Hands the closed shadow roots of the elements page.js named in `frame`'s document to its
   // world; true when there were any.
   bool askClosedRoots(const std::string& session, const std::string& frame);
+  // Hands the elements of the document of `context` (a world of ours, in `session`) that the
+  // page listens to for double clicks to page.js.
+  void askDoubleClicks(const std::string& session, int context);
   // page.js's snapshot of `frame`'s document (the main frame's, or another origin's in its own
   // world), closed shadow roots and all, its refs recorded as that document's.
   Json snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& session,
@@ -406,6 +412,11 @@ std::string stepMethod(const std::string& tool);
 /// the same mode) when given, cut at `limit` characters (none when 0 or less) with a last line
 /// that says so. Pure, for the fuzzer.
 std::string snapshotAnswer(const std::string& text, const std::string* last, double limit);
+
+/// The profile folder (under the data folder) of the back end listening on `socket`, when that
+/// is not the default socket: "profiles/" and the path's last characters that can name a folder,
+/// with a hash of all of it ("profiles/tmp-a-agent.sock-3f9c01d2").
+std::string profileFor(const std::string& socket);
 
 /// A string parameter, or empty.
 std::string stringParam(const Json& params, const char* name);

@@ -100,6 +100,10 @@ int main(int argc, char** argv) {
   browser::Server::blockSignals();
   browser::Settings settings = browser::Settings::fromEnvironment(dataHome + "/" + place.dataName);
   if (cdpURL) settings.cdpURL = *cdpURL;
+  // Agents that each set a socket of their own each get a Chromium of their own: one profile
+  // can't be used by two at once.
+  if (place.socketPath != socketPathOf(nullptr, homeDirectory(), place.dataName))
+    settings.profile = browser::profileFor(place.socketPath);
   // The bundle keeps the WebSocket module in its PlugIns, beside the folder of this program.
   settings.websocketModule =
       (std::filesystem::path(program).parent_path().parent_path() / "PlugIns/nurel-websocket.so")

@@ -11,7 +11,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <vector>
 
 #include "browser/chromium.h"
 #include "link/json.h"
@@ -361,6 +363,39 @@ TEST(Browser, ASecondBackEndForTheSameSocketRefusesToStart) {
   EXPECT_EQ(second.status, 1);
   EXPECT_EQ(second.err, "nurel-browser: another browser already answers on " + shared().socket() + "\n");
   EXPECT_EQ(shared().nurel({"hello"}).status, 0);
+}
+
+// Agents that each set a socket of their own in one home each get a back end and a Chromium:
+// one profile can't serve two. The default socket keeps the profile it always had.
+TEST(Browser, TwoSocketsInOneHomeEachRunTheirOwnBrowser) {
+  if (overWebSocket()) GTEST_SKIP() << "a remote browser has no profile of the back end's";
+  TempDir home;
+  Env together{{"XDG_DATA_HOME", home.file("data")}, {"HOME", home.path()}};
+  BackEnd first(together), second(together);
+  Outcome one = first.nurel({"open", url("/")});
+  Outcome two = second.nurel({"open", url("/second")});
+  ASSERT_EQ(one.status, 0) << one.err;
+  ASSERT_EQ(two.status, 0) << two.err;
+  EXPECT_NE(chromiumOf(backEnd(first.socket())), chromiumOf(backEnd(second.socket())));
+  std::vector<std::string> profiles;
+  for (auto& entry : std::filesystem::directory_iterator(home.file("data/Nurel/profiles")))
+    if (entry.is_directory()) profiles.push_back(entry.path().filename());
+  std::sort(profiles.begin(), profiles.end());
+  ASSERT_EQ(profiles.size(), 2u);
+  EXPECT_EQ(profiles[0].find("-run-agent.sock-"), profiles[0].size() - 24) << profiles[0];
+  EXPECT_FALSE(std::filesystem::exists(home.file("data/Nurel/profile")));
+
+  // No NUREL_SOCKET: the default socket, and the profile of old.
+  RunOptions plain = first.options;
+  plain.env["NUREL_SOCKET"] = std::nullopt;
+  Outcome opened = runProgram(NUREL_BUNDLED, {"open", url("/")}, plain);
+  EXPECT_EQ(opened.status, 0) << opened.err;
+  std::string socket = home.file("Library/Application Support/Nurel/agent.sock");
+  EXPECT_TRUE(std::filesystem::exists(home.file("data/Nurel/profile")));
+  if (pid_t pid = backEnd(socket); pid > 0) {
+    kill(pid, SIGTERM);
+    EXPECT_TRUE(eventually([&] { return !alive(pid); }));
+  }
 }
 
 TEST(Browser, ChromiumKilledMidSessionIsSaidAndReplaced) {
