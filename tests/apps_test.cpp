@@ -124,7 +124,8 @@ TEST(Apps, ALabelComesWithItsValue) {
 <fieldset><legend>Delivery</legend><label><input type=radio name=d checked> Standard</label>
 <label><input type=radio name=d> Express</label></fieldset>
 <label>Country <select><option>Aotera<option>Elsewhere</select></label></form>
-<table><tr><th>Item</th><th>Price</th></tr><tr><td>Tea</td><td>4.50</td></tr><tr><td>Cake</td><td>6.00</td></tr></table>)html");
+<table><tr><th>Item</th><th>Price</th></tr><tr><td>Tea</td><td>4.50</td></tr><tr><td>Cake</td><td>6.00</td></tr></table>
+<p><strong>3</strong> items left</p>)html");
   std::string tab = shared().open(url("/labels"));
   auto found = [&](const std::string& text) {
     std::string said = shared().nurel({"find", tab, text}).out;
@@ -138,6 +139,9 @@ TEST(Apps, ALabelComesWithItsValue) {
   EXPECT_EQ(found("Delivery"), "- legend \"Delivery\": radio \"Standard\" [checked], radio \"Express\"\n");
   EXPECT_EQ(found("Country"), "- combobox \"Country\" [value=\"Aotera\"]\n");
   EXPECT_EQ(found("Price"), "- columnheader \"Price\": 4.50, 6.00\n");
+  // Words set apart within a text are found with it, and a part of it alone in its own.
+  EXPECT_EQ(found("items left"), "- paragraph \"3 items left\"\n");
+  EXPECT_EQ(found("Aoteran dollar"), "- cell \"Aoteran dollar (ATD)\"\n");
   std::string full = shared().nurel({"snapshot", tab, "--limit", "0"}).out;
   for (const char* line : {"- text: Capital: Wellington\n", "- text: Words: 12,345\n", "- text: Kudos: 1,234\n",
                            "- text: Population: 5,123,400 (2023 estimate)\n", "- text: Largest city:\n"})

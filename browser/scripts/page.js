@@ -329,6 +329,7 @@
     const scroller = document.scrollingElement || document.documentElement;
     const height = Math.max(innerHeight, Math.round(scroller ? scroller.scrollHeight : 0));
     const top = Math.round(scrollY), bottom = Math.min(height, top + innerHeight);
+    if (top <= 0 && bottom >= height) return '[the whole page is on the screen]';
     const amount = (px) => px <= 0 ? 'nothing' : px.toLocaleString('en') + ' px' +
       (px >= innerHeight ? ' (' + Math.round(px / innerHeight) + (px < 1.5 * innerHeight ? ' screen)' : ' screens)') : '');
     return '[the screen shows ' + top.toLocaleString('en') + ' to ' + bottom.toLocaleString('en') + ' of ' +
@@ -840,8 +841,12 @@
       for (const candidate of root.querySelectorAll('*')) {
         if (shadowOf(candidate)) visit(shadowOf(candidate));
         const role = roleOf(candidate);
+        // Its text when it is short to read: an element of text alone, or of text and words
+        // set apart in it ("<strong>3</strong> items left"), or one to act on.
+        const reads = candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ||
+          Array.from(candidate.children).every((child) => child.childElementCount === 0);
         const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
-          ' ' + (candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ? candidate.textContent : '');
+          ' ' + (reads ? squash(candidate.textContent) : '');
         if (!said.toLowerCase().includes(wanted)) continue;
         if (['script', 'style', 'noscript', 'template', 'title', 'head'].includes(candidate.localName)) continue;
         if (!shown(candidate)) continue;
@@ -854,7 +859,8 @@
       // Text inside a button or link is that button or link.
       for (let up = candidate.parentElement; up; up = up.parentElement)
         if (matches.includes(up) && actionable(up) && !actionable(candidate)) return false;
-      return true;
+      // Of text that says it, the smallest element.
+      return actionable(candidate) || !matches.some((other) => other !== candidate && candidate.contains(other));
     });
     kept.sort((a, b) => (actionable(b) - actionable(a)) ||
       (squash(a.textContent).length - squash(b.textContent).length));
