@@ -693,7 +693,7 @@ bool Browser::awaitCommit(const std::shared_ptr<Tab>& tab, const Before& before)
 }
 
 std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& before,
-                             const std::string& did) {
+                             const std::string& did, bool intoField) {
   std::vector<std::string> opened;
   bool navigating = false, opening = false;
   settle(tab, before);
@@ -787,8 +787,9 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       changes = value;
       return !(value.is_number() && value.get<int>() > 0);
     });
-  return answer + (changes.is_number() && changes.get<int>() > 0 ? "; the page changed"
-                                                                  : "; nothing visible changed");
+  if (changes.is_number() && changes.get<int>() > 0) return answer + "; the page changed";
+  // What goes into a field shows there: only what else changed is worth saying.
+  return intoField ? answer : answer + "; nothing visible changed";
 }
 
 Json Browser::click(const Json& params) {
@@ -917,7 +918,7 @@ Json Browser::type(const Json& params) {
   bool cut = false;
   size_t characters = 0;
   firstCharacters(text, 0, cut, characters);
-  return outcome(tab, before, "typed " + std::to_string(characters) + " characters into " + label);
+  return outcome(tab, before, "typed " + std::to_string(characters) + " characters into " + label, true);
 }
 
 Json Browser::choose(const Json& params) {
@@ -931,7 +932,7 @@ Json Browser::choose(const Json& params) {
                                         quote(stringParam(params, "option")) + ")");
   if (chosen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   if (chosen.contains("error")) throw Failure(chosen.value("error", ""));
-  return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label);
+  return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label, true);
 }
 
 Json Browser::key(const Json& params) {
@@ -1144,6 +1145,9 @@ Json Browser::batch(const Json& params) {
     try {
       Json result = handle(method, arguments);
       std::string text = result.is_string() ? result.get<std::string>() : indented(result);
+      // The step's own ref, which the agent just gave, isn't said again.
+      if (std::string ref = stringParam(arguments, "ref"); !ref.empty())
+        if (size_t at = text.find(" [ref=" + ref + "]"); at != std::string::npos) text.erase(at, ref.size() + 7);
       lines += prefix + tool + ": " + text + "\n";
     } catch (const Failure& failure) {
       std::string rest = number < actions.size()

@@ -295,7 +295,10 @@ class Browser {
   void mouse(const std::shared_ptr<Tab>& tab, const std::string& type, double x, double y,
              const std::string& button = "none", int clicks = 0, int buttons = 0);
   // What an action did, after it: `did` and what followed (a load, a tab, a dialog, a change).
-  std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did);
+  // `intoField`: what it did shows in the field it acted on (typing, choosing): no "nothing
+  // visible changed".
+  std::string outcome(const std::shared_ptr<Tab>& tab, const Before& before, const std::string& did,
+                      bool intoField = false);
   // Waits until what followed `before` rests: the document still and the requests it started
   // ended, or something happened that the answer tells (a navigation, a dialog, a tab).
   void settle(const std::shared_ptr<Tab>& tab, const Before& before);

@@ -844,7 +844,8 @@
         // Its text when it is short to read: an element of text alone, or of text and words
         // set apart in it ("<strong>3</strong> items left"), or one to act on.
         const reads = candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ||
-          Array.from(candidate.children).every((child) => child.childElementCount === 0);
+          (!shadowOf(candidate) && !['body', 'html'].includes(candidate.localName) &&
+           Array.from(candidate.children).every((child) => child.childElementCount === 0 && !shadowOf(child)));
         const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
           ' ' + (reads ? squash(candidate.textContent) : '');
         if (!said.toLowerCase().includes(wanted)) continue;
@@ -860,7 +861,7 @@
       for (let up = candidate.parentElement; up; up = up.parentElement)
         if (matches.includes(up) && actionable(up) && !actionable(candidate)) return false;
       // Of text that says it, the smallest element.
-      return actionable(candidate) || !matches.some((other) => other !== candidate && candidate.contains(other));
+      return actionable(candidate) || !matches.some((other) => other !== candidate && within(candidate, other));
     });
     kept.sort((a, b) => (actionable(b) - actionable(a)) ||
       (squash(a.textContent).length - squash(b.textContent).length));
