@@ -577,11 +577,11 @@ void Browser::onEvent(uint64_t generation, const std::string& method, const Json
     auto aux = context.find("auxData");
     if (context.value("name", "") == worldName && aux != context.end() && aux->is_object() &&
         aux->value("frameId", "") == tab->targetId)
-      tab->world = context.value("id", 0);
+      tab->world = context.value("id", 0), tab->libraries = 0;
   } else if (method == "Runtime.executionContextDestroyed") {
-    if (params.value("executionContextId", -1) == tab->world) tab->world = 0;
+    if (params.value("executionContextId", -1) == tab->world) tab->world = 0, tab->libraries = 0;
   } else if (method == "Runtime.executionContextsCleared") {
-    tab->world = 0;
+    tab->world = 0, tab->libraries = 0;
   } else if (method == "Inspector.targetCrashed") {
     tab->crashed = true;
   } else if (method == "Inspector.detached") {

@@ -79,6 +79,7 @@ struct Tab {
   std::set<std::string> requests;     // network requests in flight
   std::chrono::steady_clock::time_point lastNetwork = std::chrono::steady_clock::now();
   int world = 0;                      // our isolated world's context in the page, 0 when none
+  unsigned libraries = 0;             // the libraries evaluated in that world (1 << Library)
   std::string loader;                 // the loader of the document now in the main frame
   std::string url;                    // the main frame's address, as last navigated
   uint64_t startedLoading = 0;        // loads the main frame has started

@@ -65,9 +65,11 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
   auto started = Clock::now();
   for (int attempt = 0;; ++attempt) {
     int context;
+    unsigned loaded;
     {
       std::lock_guard<std::mutex> guard(tab->lock);
       context = tab->world;
+      loaded = tab->libraries;
     }
     try {
       if (context == 0) {
@@ -76,9 +78,13 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
                          timeout);
         context = made.value("executionContextId", 0);
         std::lock_guard<std::mutex> guard(tab->lock);
-        tab->world = context;
+        tab->world = context, tab->libraries = loaded = 0;
       }
-      if (library != Library::none) {
+      // A library is evaluated once in each world: the world's events tell when it goes (and
+      // a call in one gone meanwhile fails, and is made again in the new one). Asking first
+      // whether it is there cost each call a round trip.
+      unsigned bit = 1u << unsigned(library);
+      if (library != Library::none && !(loaded & bit)) {
         bool page = library == Library::page;
         Json there = call("Runtime.evaluate",
                           {{"expression", page ? "typeof __nurel === 'object'"
@@ -90,6 +96,8 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
                {{"expression", std::string(page ? scripts::page : scripts::readability)},
                 {"contextId", context}},
                tab->session, timeout);
+        std::lock_guard<std::mutex> guard(tab->lock);
+        if (tab->world == context) tab->libraries |= bit;
       }
       // A dialog the page opens meanwhile stops it, and Chromium's answer with it: say so at
       // once rather than wait out the time.
@@ -136,7 +144,7 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
       std::string text = error.what();
       if (attempt > 0 || text.find("context") == std::string::npos) throw;
       std::lock_guard<std::mutex> guard(tab->lock);
-      tab->world = 0;
+      tab->world = 0, tab->libraries = 0;
     }
   }
 }
