@@ -23,14 +23,14 @@
 // Pages are served on 127.0.0.1, and every Chromium resolves no name but 127.0.0.1, so nothing
 // a saved page names is fetched; chrome-devtools-mcp's usage statistics and update checks are
 // turned off.
-import { spawn } from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
 import os from 'node:os';
 import path from 'node:path';
-import readline from 'node:readline';
 import { fileURLToPath } from 'node:url';
 import { Worker } from 'node:worker_threads';
+
+import { McpClient } from './mcp-client.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const build = path.resolve(process.argv[2] ?? path.join(here, '..', 'build-bench'));
@@ -68,48 +68,10 @@ function addRow() {
 }
 </script></body></html>`;
 
-class Client {
+// The servers, each with the environment of the benchmark and its own.
+class Client extends McpClient {
   constructor(command, args, env, cwd) {
-    this.child = spawn(command, args, { env: { ...process.env, ...env }, cwd, stdio: ['pipe', 'pipe', 'ignore'] });
-    this.pending = new Map();
-    this.next = 1;
-    this.exited = new Promise((resolve) => this.child.on('exit', resolve));
-    readline.createInterface({ input: this.child.stdout }).on('line', (line) => {
-      let message;
-      try { message = JSON.parse(line); } catch { return; }
-      const waiting = this.pending.get(message.id);
-      if (waiting) { this.pending.delete(message.id); waiting(message); }
-    });
-    this.child.on('exit', () => {
-      for (const waiting of this.pending.values()) waiting({ error: { message: 'the server exited' } });
-      this.pending.clear();
-    });
-  }
-  request(method, params = {}) {
-    const id = this.next++;
-    return new Promise((resolve) => {
-      this.pending.set(id, resolve);
-      this.child.stdin.write(JSON.stringify({ jsonrpc: '2.0', id, method, params }) + '\n');
-    });
-  }
-  async tool(name, args) {
-    const answer = await this.request('tools/call', { name, arguments: args });
-    const text = (answer.result?.content ?? []).filter((c) => c.type === 'text').map((c) => c.text).join('\n');
-    if (answer.result?.isError || answer.error) throw new Error(`${name}: ${text || JSON.stringify(answer.error)}`);
-    return text;
-  }
-  async start() {
-    const answer = await this.request('initialize', { protocolVersion: '2025-06-18', capabilities: {},
-      clientInfo: { name: 'bench', version: '1' } });
-    if (answer.error) throw new Error('initialize: ' + answer.error.message);
-    this.child.stdin.write(JSON.stringify({ jsonrpc: '2.0', method: 'notifications/initialized' }) + '\n');
-  }
-  // Closes standard input (each server then ends, closing its browser), else terminates it.
-  async stop() {
-    this.child.stdin.end();
-    const late = setTimeout(() => this.child.kill('SIGTERM'), 5000);
-    await this.exited;
-    clearTimeout(late);
+    super(command, args, { ...process.env, ...env }, cwd);
   }
 }
 

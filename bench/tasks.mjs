@@ -39,8 +39,9 @@ import fs from 'node:fs';
 import http from 'node:http';
 import os from 'node:os';
 import path from 'node:path';
-import readline from 'node:readline';
 import { fileURLToPath } from 'node:url';
+
+import { McpClient } from './mcp-client.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const build = path.resolve(process.argv[2] ?? path.join(here, '..', 'build-bench'));
@@ -733,42 +734,9 @@ const cliTools = {
 };
 
 // An MCP server over stdio, as peers.mjs drives them, with a time limit on each call.
-class Client {
+class Client extends McpClient {
   constructor(command, args, env, cwd) {
-    this.child = spawn(command, args, { env, cwd, stdio: ['pipe', 'pipe', 'ignore'] });
-    this.pending = new Map();
-    this.next = 1;
-    this.exited = new Promise((resolve) => { this.child.on('exit', resolve); this.child.on('error', resolve); });
-    readline.createInterface({ input: this.child.stdout }).on('line', (line) => {
-      let message;
-      try { message = JSON.parse(line); } catch { return; }
-      const waiting = this.pending.get(message.id);
-      if (waiting) { this.pending.delete(message.id); waiting(message); }
-    });
-    this.child.on('exit', () => {
-      for (const waiting of this.pending.values()) waiting({ error: { message: 'the server exited' } });
-      this.pending.clear();
-    });
-    this.child.stdin.on('error', () => {});
-    // A program that can't be started (a build folder being relinked) answers every call so.
-    this.child.on('error', (error) => {
-      for (const waiting of this.pending.values()) waiting({ error: { message: error.message } });
-      this.pending.clear();
-    });
-  }
-  request(method, params = {}) {
-    const id = this.next++;
-    return new Promise((resolve) => {
-      const limit = setTimeout(() => { this.pending.delete(id); resolve({ error: { message: `no answer in ${callLimitMs / 1000} s` } }); }, callLimitMs);
-      this.pending.set(id, (message) => { clearTimeout(limit); resolve(message); });
-      this.child.stdin.write(JSON.stringify({ jsonrpc: '2.0', id, method, params }) + '\n');
-    });
-  }
-  async start() {
-    const answer = await this.request('initialize', { protocolVersion: '2025-06-18', capabilities: {},
-      clientInfo: { name: 'bench', version: '1' } });
-    if (answer.error) throw new Error('initialize: ' + answer.error.message);
-    this.child.stdin.write(JSON.stringify({ jsonrpc: '2.0', method: 'notifications/initialized' }) + '\n');
+    super(command, args, env, cwd, callLimitMs);
   }
   // Records one tool call: the bytes of its result's text, its time, and whether it failed.
   async call(record, name, args) {
@@ -780,12 +748,6 @@ class Client {
     const error = answer.error ? answer.error.message : answer.result?.isError ? firstLine(text) : null;
     record.add(shortened([name, JSON.stringify(args)]), text, ms, error);
     return text;
-  }
-  async stop() {
-    this.child.stdin.end();
-    const late = setTimeout(() => this.child.kill('SIGTERM'), 5000);
-    await this.exited;
-    clearTimeout(late);
   }
 }
 

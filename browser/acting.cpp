@@ -168,6 +168,27 @@ const Json* frameIn(const Json& tree, const std::string& id) {
   return nullptr;
 }
 
+// Sends the commands at once and waits for each answer: the answers in order, null for a
+// command that failed or took longer than `most` (a node gone meanwhile).
+std::vector<Json> eachAnswer(Cdp& cdp, const std::vector<Cdp::Command>& commands,
+                             const std::string& session, std::chrono::milliseconds most) {
+  std::vector<std::shared_ptr<Cdp::Pending>> asked;
+  for (auto& [method, params] : commands) asked.push_back(cdp.start(method, params, session));
+  std::vector<Json> answers;
+  for (auto& reply : asked) {
+    try {
+      if (cdp.wait(reply, most)) {
+        answers.push_back(reply->result);
+        continue;
+      }
+      cdp.forget(reply);
+    } catch (const CdpError&) {
+    }
+    answers.push_back(nullptr);
+  }
+  return answers;
+}
+
 }  // namespace
 
 void Browser::inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
@@ -258,24 +279,16 @@ bool Browser::askClosedRoots(const std::string& session, const std::string& fram
   Json items = call("Runtime.getProperties",
                     {{"objectId", list["result"].value("objectId", "")}, {"ownProperties", true}},
                     session);
-  std::vector<std::shared_ptr<Cdp::Pending>> asked;
+  std::vector<Cdp::Command> asked;
   for (const Json& item : items.value("result", Json::array())) {
     auto value = item.find("value");
     if (value == item.end() || value->value("subtype", "") != "node") continue;
-    asked.push_back(running->cdp->start("DOM.describeNode",
-                                        {{"objectId", value->value("objectId", "")}}, session));
+    asked.push_back({"DOM.describeNode", {{"objectId", value->value("objectId", "")}}});
   }
   std::vector<int> roots;
-  for (auto& reply : asked) {
-    try {
-      if (!running->cdp->wait(reply, 10s)) {
-        running->cdp->forget(reply);
-        continue;
-      }
-    } catch (const CdpError&) {
-      continue;  // gone meanwhile
-    }
-    const Json& node = reply->result["node"];
+  for (const Json& described : eachAnswer(*running->cdp, asked, session, 10s)) {
+    if (described.is_null()) continue;  // gone meanwhile
+    const Json& node = described["node"];
     for (const Json& root : node.value("shadowRoots", Json::array()))
       if (root.value("shadowRootType", "") == "closed") roots.push_back(root.value("backendNodeId", 0));
   }
@@ -314,23 +327,13 @@ void Browser::askDoubleClicks(const std::string& session, int context) {
   for (const Json& listener : listeners.value("listeners", Json::array()))
     if (listener.value("type", "") == "dblclick" && listener.value("backendNodeId", 0) > 0 && nodes.size() < 500)
       nodes.insert(listener.value("backendNodeId", 0));
-  std::vector<std::shared_ptr<Cdp::Pending>> asked;
+  std::vector<Cdp::Command> asked;
   for (int node : nodes)
-    asked.push_back(running->cdp->start("DOM.resolveNode",
-                                        {{"backendNodeId", node}, {"executionContextId", context},
-                                         {"objectGroup", "nurel-clicks"}},
-                                        session));
+    asked.push_back({"DOM.resolveNode",
+                     {{"backendNodeId", node}, {"executionContextId", context}, {"objectGroup", "nurel-clicks"}}});
   Json elements = Json::array();
-  for (auto& reply : asked) {
-    try {
-      if (!running->cdp->wait(reply, 10s)) {
-        running->cdp->forget(reply);
-        continue;
-      }
-    } catch (const CdpError&) {
-      continue;  // gone meanwhile
-    }
-    std::string object = reply->result["object"].value("objectId", "");
+  for (const Json& resolved : eachAnswer(*running->cdp, asked, session, 10s)) {
+    std::string object = resolved.is_null() ? "" : resolved["object"].value("objectId", "");
     if (!object.empty()) elements.push_back({{"objectId", object}});
   }
   if (!elements.empty())
