@@ -223,8 +223,8 @@
     return squash(out.replace(/[\ue000-\uf8ff]/g, ''));
   };
   // A control that says nothing itself is named by what stands for it: the text CSS puts in
-  // it, an icon's title, else (for something to act on) the text of the row or list item it
-  // is in, as a person reads "walk the dog" beside its box.
+  // it, an icon's title, else the text of the row or list item it is in, as a person reads
+  // "walk the dog" beside its box.
   const contextName = (element, role) => {
     if (!(widgets.has(role) || clickable(element))) return '';
     for (const inner of [element, ...element.querySelectorAll('*')].slice(0, 20)) {
@@ -233,7 +233,10 @@
         (inner.localName === 'svg' && squash(inner.querySelector(':scope > title') && inner.querySelector(':scope > title').textContent));
       if (said) return said;
     }
-    const row = element.parentElement && element.parentElement.closest('li, tr, [role=row], [role=listitem]');
+    // Only a control takes its row's words: something merely clickable in a list item (a
+    // reference's back link) would say the item again.
+    const row = widgets.has(role) && element.parentElement &&
+      element.parentElement.closest('li, tr, [role=row], [role=listitem]');
     return row ? clip(squash(textOf(row, element)), 80) : '';
   };
   const givenName = (element, role) => {
