@@ -902,6 +902,15 @@ Json Browser::type(const Json& params) {
     Json focused = inPlace(tab, place, "__nurel.focusForTyping(" + std::to_string(place.number) +
                                            ", " + (flagParam(params, "replace") ? "true" : "false") + ")");
     if (focused.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
+  } else if (flagParam(params, "replace")) {
+    // What has focus, wherever it is (a frame, a shadow root): all of its text selected, as
+    // the keyboard's select-all does, to be typed over.
+    for (const char* kind : {"rawKeyDown", "keyUp"}) {
+      Json event = {{"type", kind}, {"key", "a"}, {"code", "KeyA"}, {"windowsVirtualKeyCode", 65},
+                    {"modifiers", 2}};
+      if (std::string(kind) == "rawKeyDown") event["commands"] = Json::array({"selectAll"});
+      input(tab, "Input.dispatchKeyEvent", event);
+    }
   }
   Before before = watch(tab);
   // Text goes in as text, whatever the language and the keyboard: line breaks as Enter, so
