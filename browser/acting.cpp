@@ -87,6 +87,12 @@ std::optional<KeyInfo> keyNamed(const std::string& name) {
   return info;
 }
 
+// What an action's answer adds when the page opened a dialog meanwhile.
+std::string dialogOpened(const Json& dialog) {
+  return "; a dialog opened: " + dialog.value("type", "alert") + " " +
+         quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
+}
+
 std::string seconds(std::chrono::seconds limit) { return std::to_string(limit.count()) + " s"; }
 
 // The lines of `now` against those of `before`: what was added (+), removed (-) and kept.
@@ -703,11 +709,7 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
   auto stopped = [&]() -> std::optional<std::string> {
     std::lock_guard<std::mutex> guard(tab->lock);
     if (tab->gone) return did + "; the tab closed";
-    if (tab->dialog) {
-      const Json& dialog = *tab->dialog;
-      return did + "; a dialog opened: " + dialog.value("type", "alert") + " " +
-             quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
-    }
+    if (tab->dialog) return did + dialogOpened(*tab->dialog);
     return std::nullopt;
   };
   if (auto line = stopped()) return *line;
@@ -760,9 +762,7 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
       return answer + downloads;
     {
       std::lock_guard<std::mutex> guard(tab->lock);
-      if (tab->dialog) return answer + "; a dialog opened: " + tab->dialog->value("type", "alert") +
-                              " " + quote(tab->dialog->value("message", "")) +
-                              ": answer it with dialog (accept or dismiss)";
+      if (tab->dialog) return answer + dialogOpened(*tab->dialog);
     }
     std::string line = describeTab(tab, loaded ? "" : "still loading after " + seconds(settings.loadTime));
     return answer + "; the page went to " + line.substr(line.find(' ') + 1);
