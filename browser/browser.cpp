@@ -661,7 +661,8 @@ std::shared_ptr<Tab> Browser::attach(const std::string& targetId) {
   const Json& tree = answers.back();
   {
     std::lock_guard<std::mutex> guard(tab->lock);
-    if (tab->loader.empty()) tab->loader = tree["frameTree"]["frame"].value("loaderId", "");
+    if (tab->loader.empty())
+      tab->loader = tree.value(Json::json_pointer("/frameTree/frame/loaderId"), "");
   }
   return tab;
 }

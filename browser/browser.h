@@ -212,6 +212,8 @@ class Browser {
   // Navigating: waits for the document of `loaderId` to load; false when the time ran out.
   bool awaitLoad(const std::shared_ptr<Tab>& tab, const std::string& loaderId,
                  std::chrono::steady_clock::time_point deadline);
+  // After a navigation Chromium refused: whether the tab's renderer crashed.
+  bool rendererCrashed(const std::shared_ptr<Tab>& tab, std::chrono::steady_clock::time_point deadline);
   // Waits until the tab loads a page or moves within its document after `before`.
   bool awaitChange(const std::shared_ptr<Tab>& tab, uint64_t loadsBefore, uint64_t sameBefore,
                    std::chrono::steady_clock::time_point deadline);

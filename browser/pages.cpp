@@ -38,6 +38,38 @@ bool Browser::awaitChange(const std::shared_ptr<Tab>& tab, uint64_t loadsBefore,
   });
 }
 
+// A page that takes its renderer down aborts its own load, and Chromium may tell of the crash
+// before or after the navigation's answer. A renderer that still answers a script is alive;
+// one that doesn't is waited on until the crash is told (or the time allowed ends).
+bool Browser::rendererCrashed(const std::shared_ptr<Tab>& tab, Clock::time_point deadline) {
+  using namespace std::chrono_literals;
+  std::shared_ptr<Engine> running = engine();
+  std::shared_ptr<Cdp::Pending> reply;
+  try {
+    reply = running->cdp->start("Runtime.evaluate", {{"expression", "0"}}, tab->session);
+  } catch (const BrowserLost&) {
+    return false;
+  }
+  for (;;) {
+    bool answered = false;
+    try {
+      answered = running->cdp->wait(reply, 20ms);
+    } catch (const CdpError&) {
+      // Refused: no page to run it in, as after a crash, which is then on its way.
+      std::unique_lock<std::mutex> guard(tab->lock);
+      tab->changed.wait_until(guard, deadline, [&] { return tab->crashed || tab->gone; });
+      return tab->crashed;
+    } catch (const BrowserLost&) {
+      return false;
+    }
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (tab->crashed || tab->gone || answered || Clock::now() > deadline) {
+      if (!answered) running->cdp->forget(reply);
+      return tab->crashed;
+    }
+  }
+}
+
 // Loads `url` in the tab and answers its line; throws Failure when the navigation failed.
 std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url) {
   auto deadline = Clock::now() + settings.loadTime;
@@ -64,10 +96,7 @@ std::string Browser::go(const std::shared_ptr<Tab>& tab, const std::string& url)
   }
   std::string error = navigated.value("errorText", "");
   if (!error.empty()) {
-    // A page that takes its renderer down aborts its own load: say which happened.
-    std::unique_lock<std::mutex> guard(tab->lock);
-    tab->changed.wait_for(guard, std::chrono::milliseconds(200), [&] { return tab->crashed; });
-    if (tab->crashed) throw Failure("the page in " + tab->id + " crashed: reload it");
+    if (rendererCrashed(tab, deadline)) throw Failure("the page in " + tab->id + " crashed: reload it");
     throw Failure("couldn't load " + url + ": " + error);
   }
   std::string loaderId = navigated.value("loaderId", "");
