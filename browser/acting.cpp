@@ -32,14 +32,14 @@ using namespace std::chrono_literals;
 // Snapshots longer than this are cut, with a line that says how to get less or all of it.
 constexpr size_t snapshotLimit = 40000;
 
-// An action's answer waits for its effects: until the document has been still for `stillFor`
-// and the requests it started have ended; at most `settleMost`, or `settleFetching` while its own
-// requests run (then a load, when one began, is waited for on its own). A click that changes
-// the page at once is answered in about `stillFor`; a fixed wait of 150 ms made each click
-// about 200 ms (bench/README.md, figure 3).
-constexpr auto settleMost = 150ms;
-constexpr auto settleFetching = 1s;
-constexpr int stillFor = 50;  // ms
+// An action's answer waits for its effects: until the requests it started have ended and the
+// page has been still for `stillFor` since its last change, input or response. A page that never
+// stops changing is answered `settleMost` after its input (and `stillFor` after a response). The
+// requests are followed by their events and the rest is counted in the page's own time, so a
+// busy machine gives the same answer, only later. A click that changes the page at once is answered in about
+// `stillFor`; a fixed wait of 150 ms made each click about 200 ms (bench/README.md, figure 3).
+constexpr int settleMost = 150;  // ms
+constexpr int stillFor = 50;     // ms
 
 struct KeyInfo {
   std::string key, code;
@@ -652,20 +652,18 @@ void Browser::mouse(const std::shared_ptr<Tab>& tab, const std::string& type, do
 }
 
 void Browser::settle(const std::shared_ptr<Tab>& tab, const Before& before) {
-  auto deadline = Clock::now() + settleMost;
+  // Only a page that doesn't answer at all (the time a script may take) ends the wait early.
+  auto deadline = Clock::now() + settings.loadTime;
   auto happened = [&] {
-    return tab->dialog || tab->gone || tab->startedLoading != before.started ||
+    return tab->dialog || tab->gone || tab->crashed || tab->startedLoading != before.started ||
            tab->sameDocument != before.same || !tab->opened.empty() ||
            tab->downloadsStarted != before.downloads || tab->chooser;
   };
-  auto started = Clock::now();
-  // Whether requests the action started are running (the time allowed grows while they do).
+  auto failing = Clock::time_point::max();  // since when the page can't be asked
+  // Whether requests the action started are running.
   auto fetching = [&] {
     for (const std::string& request : tab->requests)
-      if (!before.requests.count(request)) {
-        deadline = std::max(deadline, started + settleFetching);
-        return true;
-      }
+      if (!before.requests.count(request)) return true;
     return false;
   };
   for (;;) {
@@ -679,13 +677,24 @@ void Browser::settle(const std::shared_ptr<Tab>& tab, const Before& before) {
     }
     try {
       Json still = inWorld(tab, "__nurel.still()", Library::page);
-      // The page answers after telling of the requests its handlers started before; and what a
-      // response sets off comes just after it: the network must have been quiet as long.
-      std::lock_guard<std::mutex> guard(tab->lock);
-      bool quiet = !fetching() && Clock::now() - tab->lastNetwork >= std::chrono::milliseconds(stillFor);
-      if (still.is_number() && still.get<int>() >= stillFor && quiet) break;
+      auto number = [&](size_t i) {
+        bool given = still.is_array() && i < still.size() && still[i].is_number();
+        return given ? still[i].get<int>() : settleMost;
+      };
+      int quietFor = number(0), sinceInput = number(1), sinceResponse = number(2);
+      // The page answers after telling of the requests its handlers started before.
+      {
+        std::lock_guard<std::mutex> guard(tab->lock);
+        if (fetching()) continue;
+      }
+      if (quietFor >= stillFor) break;
+      if (sinceInput >= settleMost && sinceResponse >= stillFor) break;
+      failing = Clock::time_point::max();
     } catch (const std::exception&) {
-      // A document going or a dialog opening: the wait above sees which.
+      // A document going or a dialog opening: the wait above sees which. A page that can't be
+      // asked (an error page, a viewer) has nothing to wait for.
+      failing = std::min(failing, Clock::now());
+      if (Clock::now() - failing >= std::chrono::milliseconds(settleMost)) break;
     }
   }
 }

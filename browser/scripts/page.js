@@ -966,14 +966,33 @@
   // field's value): its states count too.
   let watched = null;
   const statesNow = (found) => (found && found.isConnected ? statesOf(found, roleOf(found)).join(' ') : '');
+  // What the page does after an input is counted from when the page had it (in the page's
+  // time, which a busy machine slows as it slows the page's timers), not from when it was sent.
+  let lastInput = 0;
+  // And when the page last had a response: what a response sets off comes just after it.
+  let lastResponse = 0, responses = null;
+  const answered = (list) => {
+    for (const entry of list.getEntries()) lastResponse = Math.max(lastResponse, entry.responseEnd);
+  };
+  const inputs = ['pointerover', 'pointermove', 'pointerdown', 'pointerup', 'mousedown', 'mouseup',
+    'click', 'dblclick', 'contextmenu', 'keydown', 'keyup', 'input', 'change', 'wheel', 'scroll',
+    'focusin', 'dragstart', 'drop', 'dragend'];
   const watch = (number) => {
     if (!observer) {
       observer = new MutationObserver(count);
       observer.observe(document, { subtree: true, childList: true, attributes: true, characterData: true });
+      const had = () => { lastInput = performance.now(); };
+      for (const type of inputs) window.addEventListener(type, had, { capture: true, passive: true });
+      try {
+        responses = new PerformanceObserver(answered);
+        responses.observe({ type: 'resource' });
+      } catch (e) {
+        responses = null;
+      }
     }
     observer.takeRecords();
     mutations = 0;
-    lastChange = performance.now();
+    lastChange = lastInput = performance.now();
     const found = number ? element(number) : null;
     watched = found ? { found, states: statesNow(found) } : null;
     return true;
@@ -983,10 +1002,14 @@
     count(observer.takeRecords());
     return mutations + (watched && statesNow(watched.found) !== watched.states ? 1 : 0);
   };
-  // Milliseconds since the document last changed, or since watch().
+  // Milliseconds since the page last changed, had an input or a response (or since watch()),
+  // since it last had an input, and since its last response.
   const still = () => {
     if (observer) count(observer.takeRecords());
-    return Math.round(performance.now() - lastChange);
+    if (responses) answered({ getEntries: () => responses.takeRecords() });
+    const now = performance.now();
+    return [Math.round(now - Math.max(lastChange, lastInput, lastResponse)), Math.round(now - lastInput),
+      Math.round(now - lastResponse)];
   };
   const scrolled = () => {
     const scroller = document.scrollingElement || document.documentElement;
