@@ -612,13 +612,20 @@ std::shared_ptr<Tab> Browser::tabFor(const Json& params, bool duringDialog) {
     if (found == tabsByID.end()) throw Failure("no tab " + id);
     tab = found->second;
   }
-  std::lock_guard<std::mutex> guard(tab->lock);
-  if (tab->gone) {
+  bool gone;
+  {
+    std::lock_guard<std::mutex> guard(tab->lock);
+    gone = tab->gone;
+  }
+  if (gone) {
+    // The registry's lock is never taken under a tab's (the reader thread takes them the other
+    // way round).
     std::lock_guard<std::mutex> tabsGuard(tabsLock);
     tabsByID.erase(tab->id);
     tabsBySession.erase(tab->session);
     throw Failure("no tab " + id + ": it was closed");
   }
+  std::lock_guard<std::mutex> guard(tab->lock);
   if (tab->crashed) throw Failure("the page in " + id + " crashed: reload it");
   if (tab->dialog && !duringDialog)
     throw Failure(id + " is showing a dialog (" + tab->dialog->value("type", "alert") + " " +

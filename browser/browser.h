@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -376,7 +377,7 @@ class Browser {
     std::shared_ptr<Engine> engine;
   };
   static thread_local Pinned pinned;
-  uint64_t generations = 0;
+  std::atomic<uint64_t> generations{0};
   // A remote browser that can't be reached is tried again after a pause that doubles.
   std::chrono::steady_clock::time_point retryAt;
   std::chrono::milliseconds pause{0};

@@ -217,10 +217,14 @@ Json Browser::reload(const Json& params) {
     tab = tabFor(params);
   } catch (const Failure&) {
     // A crashed page is what reload is for.
-    std::lock_guard<std::mutex> guard(tabsLock);
-    auto found = tabsByID.find(stringParam(params, "tab"));
-    if (found == tabsByID.end() || !found->second->crashed) throw;
-    tab = found->second;
+    {
+      std::lock_guard<std::mutex> guard(tabsLock);
+      auto found = tabsByID.find(stringParam(params, "tab"));
+      if (found == tabsByID.end()) throw;
+      tab = found->second;
+    }
+    std::lock_guard<std::mutex> guard(tab->lock);
+    if (!tab->crashed) throw;
   }
   uint64_t loads, same;
   {
