@@ -180,7 +180,7 @@ Json Browser::scenarios(const Json&) {
     for (const Json& step : scenario.steps) out += "  " + std::to_string(++number) + ". " + stepLine(step) + "\n";
   }
   for (const std::string& line : broken) out += line + "\n";
-  if (out.empty()) return "no scenarios yet: they are JSON files in " + scenarioFolder() + " (the README shows how)";
+  if (out.empty()) return "no scenarios yet: they are JSON files in " + scenarioFolder() + " (doc/scenarios.md in nurel's sources shows how)";
   out.pop_back();
   return out;
 }

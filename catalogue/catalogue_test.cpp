@@ -443,17 +443,18 @@ TEST(Catalogue, FilesAndScenarioValuesAreCollectionsOfStrings) {
 }
 
 
-// A batch's vocabulary is each batch tool with its schema's fields; the README lists it as is.
-TEST(Catalogue, TheBatchVocabularyIsTheSchemasAndTheReadmeListsIt) {
+// A batch's vocabulary is each batch tool with its schema's fields; doc/browser.md lists it as is.
+TEST(Catalogue, TheBatchVocabularyIsTheSchemasAndTheBrowserDocumentListsIt) {
   std::vector<std::string> lines = batchVocabulary();
   ASSERT_EQ(lines.size(), batchTools().size());
   EXPECT_EQ(lines[0], "click: ref, x, y, double, button, intent");
   EXPECT_EQ(batchFields("select_option"), (Names{"ref", "option", "intent"}));
   EXPECT_TRUE(batchFields("open_tab").empty());
   EXPECT_TRUE(batchFields("no_such_tool").empty());
-  std::string readme = testing::readFile(NUREL_TEST_DIR "/../README.md").value_or("");
+  std::string document = testing::readFile(NUREL_TEST_DIR "/../doc/browser.md").value_or("");
+  ASSERT_FALSE(document.empty());
   for (const std::string& line : lines)
-    EXPECT_NE(readme.find("    " + line + "\n"), std::string::npos) << line;
+    EXPECT_NE(document.find("    " + line + "\n"), std::string::npos) << line;
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""tests/dist/hosts_test.py: the MCP host set-ups that the README shows.
+"""tests/dist/hosts_test.py: the MCP host set-ups that the README and doc/mcp.md show.
 
 Each configuration snippet in doc/hosts/ must read as its format (JSON or TOML), register one
-server named nurel whose command is `nurel` with the single argument `mcp`, and stand in the
-README as it is in the file. Each command line of the README that registers nurel with a host
-must end in `-- nurel mcp`. And the command that the snippets name, found on the PATH as a
+server named nurel whose command is `nurel` with the single argument `mcp`, and stand in
+doc/mcp.md as it is in the file. Each command line of the README that registers nurel with a
+host must end in `-- nurel mcp`. And the command that the snippets name, found on the PATH as a
 host finds it, must run: `nurel mcp` with an empty standard input ends with status 0.
 
     hosts_test.py <source folder> <folder holding the built nurel>
@@ -52,9 +52,19 @@ def server_of(config):
     return tables[0], servers["nurel"]
 
 
-def readme():
-    with open(os.path.join(SOURCE, "README.md"), encoding="utf-8") as file:
+def document(path):
+    with open(os.path.join(SOURCE, path), encoding="utf-8") as file:
         return file.read()
+
+
+def readme():
+    """The README, which shows the hosts' command lines."""
+    return document("README.md")
+
+
+def host_files():
+    """doc/mcp.md, which shows the hosts' configuration files."""
+    return document(os.path.join("doc", "mcp.md"))
 
 
 class Hosts(unittest.TestCase):
@@ -70,8 +80,8 @@ class Hosts(unittest.TestCase):
                 if table == "servers":  # VS Code says how it talks to the server
                     self.assertEqual("stdio", server["type"])
 
-    def test_each_snippet_stands_in_the_readme(self):
-        text = readme()
+    def test_each_snippet_stands_in_the_mcp_document(self):
+        text = host_files()
         for path in snippets():
             with self.subTest(snippet=os.path.basename(path)):
                 with open(path, encoding="utf-8") as file:
