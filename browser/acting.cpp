@@ -89,8 +89,7 @@ std::optional<KeyInfo> keyNamed(const std::string& name) {
 
 // What an action's answer adds when the page opened a dialog meanwhile.
 std::string dialogOpened(const Json& dialog) {
-  return "; a dialog opened: " + dialog.value("type", "alert") + " " +
-         quote(dialog.value("message", "")) + ": answer it with dialog (accept or dismiss)";
+  return "; a dialog opened: " + dialogNamed(dialog) + ": answer it with dialog (accept or dismiss)";
 }
 
 std::string seconds(std::chrono::seconds limit) { return std::to_string(limit.count()) + " s"; }
@@ -195,15 +194,17 @@ std::vector<Json> eachAnswer(Cdp& cdp, const std::vector<Cdp::Command>& commands
   return answers;
 }
 
+// The frames of other origins that snapshots read: (session, frame id).
+std::set<std::pair<std::string, std::string>> framesRead(Tab& tab) {
+  std::lock_guard<std::mutex> guard(tab.lock);
+  return tab.readFrames;
+}
+
 }  // namespace
 
 void Browser::inFrames(const std::shared_ptr<Tab>& tab, const std::string& expression,
                        const std::function<bool(const Json&)>& each) {
-  std::set<std::pair<std::string, std::string>> frames;
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    frames = tab->readFrames;
-  }
+  auto frames = framesRead(*tab);
   for (auto& [session, frame] : frames) {
     try {
       // A frame busy with a script of its own doesn't hold the action up.
@@ -1052,11 +1053,7 @@ Json Browser::find(const Json& params) {
   recordRefs(tab, found.value("used", 0));
   // And in the frames of other origins that snapshots read, each with refs of its own document.
   std::string text = found.value("found", 0) > 0 ? found.value("text", "") : "";
-  std::set<std::pair<std::string, std::string>> frames;
-  {
-    std::lock_guard<std::mutex> guard(tab->lock);
-    frames = tab->readFrames;
-  }
+  auto frames = framesRead(*tab);
   for (auto& [session, frame] : frames) {
     try {
       Json tree = call("Page.getFrameTree", Json::object(), session, 2s);
@@ -1119,7 +1116,7 @@ Json Browser::dialog(const Json& params) {
     std::lock_guard<std::mutex> guard(tab->lock);
     if (tab->dialogsOpened == opened) tab->dialog.reset();
   }
-  std::string what = showing->value("type", "alert") + " " + quote(showing->value("message", ""));
+  std::string what = dialogNamed(*showing);
   return std::string(accept ? "accepted " : "dismissed ") + what +
          (accept && params.contains("text") ? " with " + quote(text) : "");
 }

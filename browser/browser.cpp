@@ -628,8 +628,7 @@ std::shared_ptr<Tab> Browser::tabFor(const Json& params, bool duringDialog) {
   std::lock_guard<std::mutex> guard(tab->lock);
   if (tab->crashed) throw Failure("the page in " + id + " crashed: reload it");
   if (tab->dialog && !duringDialog)
-    throw Failure(id + " is showing a dialog (" + tab->dialog->value("type", "alert") + " " +
-                  quote(tab->dialog->value("message", "")) +
+    throw Failure(id + " is showing a dialog (" + dialogNamed(*tab->dialog) +
                   "): answer it with dialog (accept or dismiss) first");
   return tab;
 }
@@ -947,6 +946,10 @@ double numberParam(const Json& params, const char* name, double fallback) {
 }
 
 std::string quote(const std::string& text) { return compactRepaired(Json(text)); }
+
+std::string dialogNamed(const Json& dialog) {
+  return dialog.value("type", "alert") + " " + quote(dialog.value("message", ""));
+}
 
 std::string firstCharacters(const std::string& text, size_t limit, bool& cut, size_t& total) {
   size_t characters = 0, end = text.size();

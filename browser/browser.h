@@ -434,6 +434,8 @@ bool flagParam(const Json& params, const char* name);
 double numberParam(const Json& params, const char* name, double fallback);
 /// `text` quoted as a JSON string: what an agent reads for a name or a title.
 std::string quote(const std::string& text);
+/// A dialog as Page.javascriptDialogOpening tells of it, in a line: alert "Saved".
+std::string dialogNamed(const Json& dialog);
 /// The first `limit` characters (code points) of UTF-8 `text`; `cut` tells whether any were
 /// left out, `total` how many there were.
 std::string firstCharacters(const std::string& text, size_t limit, bool& cut, size_t& total);

@@ -113,8 +113,7 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
         std::lock_guard<std::mutex> guard(tab->lock);
         if (tab->dialog) {
           running->cdp->forget(reply);
-          throw Failure(tab->id + " is showing a dialog (" + tab->dialog->value("type", "alert") + " " +
-                        quote(tab->dialog->value("message", "")) +
+          throw Failure(tab->id + " is showing a dialog (" + dialogNamed(*tab->dialog) +
                         "): answer it with dialog (accept or dismiss) first");
         }
         if (tab->gone || Clock::now() > deadline) {
@@ -176,8 +175,7 @@ Json Browser::eval(const Json& params) {
         if (tab->crashed) throw Failure("the page in " + tab->id + " crashed: reload it");
         if (tab->gone) throw Failure("no tab " + tab->id + ": it was closed");
         if (tab->dialog)
-          throw Failure("the script is waiting on a dialog (" + tab->dialog->value("type", "alert") +
-                        " " + quote(tab->dialog->value("message", "")) +
+          throw Failure("the script is waiting on a dialog (" + dialogNamed(*tab->dialog) +
                         "): answer it with dialog (accept or dismiss)");
         // Waiting on something that never comes: stop what still runs, and the tab goes on.
         running->cdp->post("Runtime.terminateExecution", Json::object(), tab->session);
