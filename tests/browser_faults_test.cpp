@@ -414,8 +414,7 @@ TEST(BrowserCrashes, ChromiumKilledAnswersEveryRequestInFlightWithTheLostBrowser
   BackEnd place;
   std::string tab = place.open(url("/"));
   std::string never = place.open(url("/never"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
+  auto [back, chromium] = processesOf(place);
   ASSERT_GT(chromium, 0);
   std::vector<std::unique_ptr<Connection>> inFlight;
   std::vector<Json> requests = {
@@ -444,21 +443,21 @@ TEST(BrowserCrashes, ChromiumKilledAnswersEveryRequestInFlightWithTheLostBrowser
 TEST(BrowserCrashes, TheBackEndKilledIsStartedAgainByTheNextCommand) {
   BackEnd place;
   place.open(url("/"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
-  ASSERT_GT(back, 0);
-  kill(back, SIGKILL);
-  ASSERT_TRUE(eventually([&] { return !alive(back); }));
+  Processes killed = processesOf(place);
+  ASSERT_GT(killed.back, 0);
+  kill(killed.back, SIGKILL);
+  ASSERT_TRUE(eventually([&] { return !alive(killed.back); }));
   // Its socket stays behind, and nothing answers on it.
   EXPECT_TRUE(std::filesystem::exists(place.socket()));
   // Its Chromium goes with it rather than living on unowned.
-  EXPECT_TRUE(eventually([&] { return !alive(chromium); })) << "Chromium " << chromium << " outlived its back end";
+  EXPECT_TRUE(eventually([&] { return !alive(killed.chromium); }))
+      << "Chromium " << killed.chromium << " outlived its back end";
   Outcome opened = place.nurel({"open", url("/second")});
   EXPECT_EQ(opened.status, 0) << opened.err;
   EXPECT_EQ(opened.out, "t1 " + url("/second") + " \"Second\"\n");
   pid_t fresh = backEnd(place.socket());
   EXPECT_GT(fresh, 0);
-  EXPECT_NE(fresh, back);
+  EXPECT_NE(fresh, killed.back);
 }
 
 // ---- local files ----
