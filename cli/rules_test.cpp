@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace nurel {
 namespace {
@@ -28,11 +29,9 @@ std::string refusal(const std::string& command, std::vector<std::string> words) 
 }
 
 TEST(Numbers, IntegersReadWithAnOptionalSign) {
-  EXPECT_EQ(12, readInteger("12"));
-  EXPECT_EQ(12, readInteger("+12"));
-  EXPECT_EQ(-3, readInteger("-3"));
-  EXPECT_EQ(0, readInteger("-0"));
-  EXPECT_EQ(7, readInteger("007"));
+  const std::pair<const char*, std::int64_t> read[] = {
+      {"12", 12}, {"+12", 12}, {"-3", -3}, {"-0", 0}, {"007", 7}};
+  for (auto [text, value] : read) EXPECT_EQ(value, readInteger(text)) << text;
 }
 
 TEST(Numbers, IntegersCoverSixtyFourBitsAndNoMore) {
@@ -50,16 +49,10 @@ TEST(Numbers, IntegersRefuseAnythingButDigits) {
 }
 
 TEST(Numbers, DecimalNumbersRead) {
-  EXPECT_EQ(390.0, readNumber("390"));
-  EXPECT_EQ(3.0, readNumber("+3"));
-  EXPECT_EQ(-1.5, readNumber("-1.5"));
-  EXPECT_EQ(0.5, readNumber(".5"));
-  EXPECT_EQ(0.5, readNumber("+.5"));
-  EXPECT_EQ(5.0, readNumber("5."));
-  EXPECT_EQ(1000.0, readNumber("1e3"));
-  EXPECT_EQ(1000.0, readNumber("1E+3"));
-  EXPECT_EQ(0.015, readNumber("1.5e-2"));
-  EXPECT_EQ(-150.0, readNumber("-1.5e2"));
+  const std::pair<const char*, double> read[] = {
+      {"390", 390.0}, {"+3", 3.0},     {"-1.5", -1.5},   {".5", 0.5},       {"+.5", 0.5},
+      {"5.", 5.0},    {"1e3", 1000.0}, {"1E+3", 1000.0}, {"1.5e-2", 0.015}, {"-1.5e2", -150.0}};
+  for (auto [text, value] : read) EXPECT_EQ(value, readNumber(text)) << text;
 }
 
 TEST(Numbers, TooSmallForADoubleReadsAsTheNearest) {
@@ -202,21 +195,27 @@ TEST(Rules, InspectNeedsARef) {
   EXPECT_NO_THROW(applyRules("inspect", scanned));
 }
 
+// What `<command> t1 --<option> <word>` sends for each word: the option as the integer `read`,
+// or only the tab where `read` is empty (the word gives no integer there).
+void expectIntegerOption(const std::string& command, const std::string& option,
+                         const std::vector<std::pair<std::string, std::string>>& wordsRead) {
+  for (const auto& [word, read] : wordsRead) {
+    std::string expected =
+        read.empty() ? R"({"tab":"t1"})" : R"({"tab":"t1",")" + option + R"(":)" + read + "}";
+    EXPECT_EQ(json(expected.c_str()), sent(command, {"t1", "--" + option, word})) << word;
+  }
+}
+
 TEST(Rules, RequestTrimsHashesThenReadsAnInteger) {
-  EXPECT_EQ(json(R"({"tab":"t1","request":7})"), sent("network", {"t1", "--request", "#7"}));
-  EXPECT_EQ(json(R"({"tab":"t1","request":12})"), sent("network", {"t1", "--request", "##12##"}));
-  EXPECT_EQ(json(R"({"tab":"t1","request":-4})"), sent("network", {"t1", "--request", "-4"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "seven"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "# 12"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("network", {"t1", "--request", "###"}));
+  expectIntegerOption(
+      "network", "request",
+      {{"#7", "7"}, {"##12##", "12"}, {"-4", "-4"}, {"seven", ""}, {"# 12", ""}, {"###", ""}});
 }
 
 TEST(Rules, LimitReadsAnIntegerWithoutTrimming) {
-  EXPECT_EQ(json(R"({"tab":"t1","limit":-3})"), sent("console", {"t1", "--limit", "-3"}));
-  EXPECT_EQ(json(R"({"tab":"t1","limit":5})"), sent("console", {"t1", "--limit", "+5"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "12abc"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "#12"}));
-  EXPECT_EQ(json(R"({"tab":"t1"})"), sent("console", {"t1", "--limit", "9223372036854775808"}));
+  expectIntegerOption(
+      "console", "limit",
+      {{"-3", "-3"}, {"+5", "5"}, {"12abc", ""}, {"#12", ""}, {"9223372036854775808", ""}});
 }
 
 TEST(Rules, PlainTurnsLabelsOffForAnyCommand) {

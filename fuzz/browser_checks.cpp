@@ -16,10 +16,6 @@ namespace nurel::fuzz {
 
 namespace {
 
-std::string shortened(std::string_view text) {
-  return std::string(text.substr(0, 300)) + (text.size() > 300 ? "..." : "");
-}
-
 // A back end that can never start Chromium: NUREL_CHROMIUM names no program, so every method
 // that needs one fails at once, and those that don't (hello, tabs) answer as they would. Its
 // folder stays empty, and goes at exit.
@@ -54,11 +50,7 @@ std::string checkRequestLines(const uint8_t* data, size_t size) {
     return browser.handle(method, params);
   };
   std::string_view input(reinterpret_cast<const char*>(data), size);
-  for (size_t at = 0; at <= input.size();) {
-    size_t end = input.find('\n', at);
-    if (end == std::string_view::npos) end = input.size();
-    std::string_view line = input.substr(at, end - at);
-    at = end + 1;
+  for (std::string_view line : splitAtLineFeeds(input)) {
     std::optional<std::string> answer;
     try {
       answer = browser::respond(handler, line);

@@ -58,10 +58,6 @@ std::string describe(const std::exception& error) {
   return std::string("unexpected exception: ") + error.what();
 }
 
-std::string shortened(std::string_view text) {
-  return std::string(text.substr(0, 300)) + (text.size() > 300 ? "..." : "");
-}
-
 // Parses like a reader of this program: a document at most `maxDepth` deep, or nothing. A NUL
 // byte is in no JSON text, though nlohmann's reader stops at one as at the end.
 bool readable(std::string_view text, Json& value) {
@@ -108,6 +104,21 @@ bool stringsValid(const Json& value) {
 }
 
 }  // namespace
+
+std::vector<std::string_view> splitAtLineFeeds(std::string_view text) {
+  std::vector<std::string_view> lines;
+  for (size_t at = 0; at <= text.size();) {
+    size_t end = text.find('\n', at);
+    if (end == std::string_view::npos) end = text.size();
+    lines.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return lines;
+}
+
+std::string shortened(std::string_view text) {
+  return std::string(text.substr(0, 300)) + (text.size() > 300 ? "..." : "");
+}
 
 bool validUtf8(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
@@ -223,11 +234,7 @@ std::string checkMcpLines(const uint8_t* data, size_t size) {
   // Nothing can ever listen under /proc, so every tool call fails to connect.
   MCPServer server(placeAt("/proc/nurel-fuzz/agent.sock"), launch);
   std::string_view input(reinterpret_cast<const char*>(data), size);
-  for (size_t at = 0; at <= input.size();) {
-    size_t end = input.find('\n', at);
-    if (end == std::string_view::npos) end = input.size();
-    std::string_view line = input.substr(at, end - at);
-    at = end + 1;
+  for (std::string_view line : splitAtLineFeeds(input)) {
     // The loop takes a carriage return before the line feed off, as hosts on Windows send it.
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     Json request;

@@ -10,11 +10,19 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nurel::fuzz {
 
 /// Whether `text` is well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool validUtf8(std::string_view text);
+
+/// `text` cut at each line feed, as a reader of lines cuts a stream: every piece without its
+/// line feed, the one after the last line feed too (so an empty text is one empty line).
+std::vector<std::string_view> splitAtLineFeeds(std::string_view text);
+
+/// The start of `text`, for a message: at most 300 bytes, and "..." when there was more.
+std::string shortened(std::string_view text);
 
 /// The command line. The first byte picks the command from the table, the rest is the argument
 /// vector, words separated by NUL bytes. Scanning and the command rules must end in parameters

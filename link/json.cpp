@@ -266,37 +266,42 @@ class FastReader {
     }
   }
 
-  bool object(Json& out, int depth) {
+  // The members of an object or the items of an array, from its opening bracket to `close`,
+  // separated by commas; `one` reads each.
+  template <class One>
+  bool listed(char close, One one) {
     ++at;
+    if (next(close)) return true;
+    for (;;) {
+      skipSpace();
+      if (!one()) return false;
+      if (next(close)) return true;
+      if (!next(',')) return false;
+    }
+  }
+
+  bool object(Json& out, int depth) {
     out = Json::object();
     auto& members = out.get_ref<Json::object_t&>();
-    if (next('}')) return true;
-    for (;;) {
+    return listed('}', [&] {
       std::string key;
       Json member;
-      skipSpace();
       if (at == end || *at != '"' || !string(key) || !next(':')) return false;
       skipSpace();
       if (!value(member, depth + 1)) return false;
       // A repeated key keeps its last value, as nlohmann does.
       members.insert_or_assign(std::move(key), std::move(member));
-      if (next('}')) return true;
-      if (!next(',')) return false;
-    }
+      return true;
+    });
   }
 
   bool array(Json& out, int depth) {
-    ++at;
     out = Json::array();
     auto& items = out.get_ref<Json::array_t&>();
-    if (next(']')) return true;
-    for (;;) {
-      skipSpace();
+    return listed(']', [&] {
       items.emplace_back();
-      if (!value(items.back(), depth + 1)) return false;
-      if (next(']')) return true;
-      if (!next(',')) return false;
-    }
+      return value(items.back(), depth + 1);
+    });
   }
 
   bool literal(std::string_view word, Json meaning, Json& out) {

@@ -51,21 +51,26 @@ std::optional<NurelError> callFailure(Nurel& nurel) {
   return std::nullopt;
 }
 
-// The message of the JSON error that a call ends with; empty when it ends any other way.
-std::string unreadable(Nurel& nurel) {
-  try {
-    nurel.call("tabs");
-  } catch (const JsonError& error) {
-    return error.what();
-  }
-  return "";
-}
-
 class LinkTest : public ::testing::Test {
  protected:
   void SetUp() override { place.bundlePath = "/Applications/Nurel.app"; }
   Place place;
   RecordingLaunch launch;
+
+  // The message of the JSON error that a call ends with, against a browser that sends `reply`;
+  // empty when it ends any other way.
+  std::string unreadable(const std::string& reply) {
+    FakeBrowser browser({reply});
+    place.socketPath = browser.socket();
+    Nurel nurel(place, launch);
+    nurel.connect();
+    try {
+      nurel.call("tabs");
+    } catch (const JsonError& error) {
+      return error.what();
+    }
+    return "";
+  }
 };
 
 Json params(const std::string& line) { return Json::parse(line).at("params"); }
@@ -310,30 +315,18 @@ TEST_F(LinkTest, ArraysStaleIdsAndStringIdsAreSkipped) {
 }
 
 TEST_F(LinkTest, AnEmptyLineIsADecodingError) {
-  FakeBrowser browser({R"(!bytes "\n{\"id\":1,\"result\":1}\n")"});
-  place.socketPath = browser.socket();
-  Nurel nurel(place, launch);
-  nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: empty line where JSON was expected"),
-            unreadable(nurel));
+            unreadable(R"(!bytes "\n{\"id\":1,\"result\":1}\n")"));
 }
 
 TEST_F(LinkTest, ABareNumberLineIsADecodingError) {
-  FakeBrowser browser({R"(!bytes "42\n")"});
-  place.socketPath = browser.socket();
-  Nurel nurel(place, launch);
-  nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: JSON text that is neither an "
                         "object nor an array"),
-            unreadable(nurel));
+            unreadable(R"(!bytes "42\n")"));
 }
 
 TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
-  FakeBrowser browser({"hello there"});
-  place.socketPath = browser.socket();
-  Nurel nurel(place, launch);
-  nurel.connect();
-  std::string text = unreadable(nurel);
+  std::string text = unreadable("hello there");
   EXPECT_EQ(0u, text.find("couldn't read a reply from Nurel: ")) << text;
   EXPECT_EQ(std::string::npos, text.find('\n'));
   EXPECT_EQ(std::string::npos, text.find("json.exception"));
@@ -341,14 +334,10 @@ TEST_F(LinkTest, ALineThatIsNotJsonIsADecodingError) {
 
 TEST_F(LinkTest, ANulByteAfterTheReplyMakesTheLineUnreadable) {
   // A NUL byte does not end the line: what follows it is part of the line, and no JSON.
-  FakeBrowser browser({R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"});
-  place.socketPath = browser.socket();
-  Nurel nurel(place, launch);
-  nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel: syntax error while parsing value - "
                         "invalid literal; last read: '<U+0000>'; expected end of input (at byte "
                         "24)"),
-            unreadable(nurel));
+            unreadable(R"(!bytes "{\"id\":1,\"result\":\"nul\"}\u0000junk\n")"));
 }
 
 TEST_F(LinkTest, TheBrowsersErrorTextKeepsItsNulBytes) {
@@ -418,14 +407,10 @@ TEST_F(LinkTest, CallingWithoutConnectingNamesTheDataName) {
 }
 
 TEST_F(LinkTest, AnUnreadableReplyNamesTheDataName) {
-  FakeBrowser browser({R"(!bytes "42\n")"});
-  place.socketPath = browser.socket();
   place.dataName = "Nurel Beta";
-  Nurel nurel(place, launch);
-  nurel.connect();
   EXPECT_EQ(std::string("couldn't read a reply from Nurel Beta: JSON text that is neither an "
                         "object nor an array"),
-            unreadable(nurel));
+            unreadable(R"(!bytes "42\n")"));
 }
 
 TEST_F(LinkTest, ParametersThatAreNotUtf8CannotBeSent) {

@@ -523,20 +523,26 @@ TEST(Acting, AnActionsAnswerWaitsForWhatItSetOff) {
   }
 }
 
+// A script that sorts the `item`s of #list by pointer: one pressed and let go over another
+// moves after it, and #order lists their texts in their order.
+std::string sortedByPointer(const std::string& item) {
+  return R"js(<script>
+let held = null;
+list.addEventListener('pointerdown', (e) => { held = e.target.closest(')js" + item + R"js('); });
+document.addEventListener('pointerup', (e) => {
+  const over = document.elementFromPoint(e.clientX, e.clientY)?.closest(')js" + item + R"js(');
+  if (held && over && over !== held) over.after(held);
+  held = null;
+  order.textContent = [...list.children].map((each) => each.textContent).join(',');
+});
+</script>)js";
+}
+
 TEST(Acting, DragsHoversScrollsAndPressesKeys) {
   servePage("/drag", R"html(<title>Drag</title><style>li{height:40px;border:1px solid}</style>
 <ul id=list><li id=a>First</li><li id=b>Second</li><li id=c>Third</li></ul><p id=order></p>
 <div id=hover onmouseenter="this.textContent='Hovered'">Hover me</div>
-<script>
-let held = null;
-list.addEventListener('pointerdown', (e) => { held = e.target.closest('li'); });
-document.addEventListener('pointerup', (e) => {
-  const over = document.elementFromPoint(e.clientX, e.clientY)?.closest('li');
-  if (held && over && over !== held) over.after(held);
-  held = null;
-  order.textContent = [...list.children].map((li) => li.textContent).join(',');
-});
-</script><div style="height:3000px"></div>)html");
+)html" + sortedByPointer("li") + R"html(<div style="height:3000px"></div>)html");
   std::string tab = shared().open(url("/drag"));
   std::string s = shared().nurel({"snapshot", tab}).out;
   EXPECT_EQ(shared().nurel({"drag", tab, "100,30", "100,110"}).status, 0);
@@ -559,16 +565,7 @@ document.addEventListener('pointerup', (e) => {
 TEST(Acting, ADragInAFrameOfAnotherProcessMovesWhatItAimsAt) {
   servePage("/sort-guest", R"html(<title>Sort</title><style>button{display:block;width:120px;height:40px}</style>
 <div id=list><button>First</button><button>Second</button><button>Third</button></div><p id=order>unsorted</p>
-<script>
-let held = null;
-list.addEventListener('pointerdown', (e) => { held = e.target.closest('button'); });
-document.addEventListener('pointerup', (e) => {
-  const over = document.elementFromPoint(e.clientX, e.clientY)?.closest('button');
-  if (held && over && over !== held) over.after(held);
-  held = null;
-  order.textContent = [...list.children].map((b) => b.textContent).join(',');
-});
-</script>)html");
+)html" + sortedByPointer("button"));
   servePage("/sort-host", R"html(<title>Host</title><p>Above</p><div style="height:1500px"></div>
 <iframe src=")html" + otherSite("/sort-guest") + R"html(" title="Sorter" style="height:220px"></iframe>)html");
   std::string tab = shared().open(url("/sort-host"));

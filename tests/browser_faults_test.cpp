@@ -17,6 +17,7 @@
 #include "fuzz/checks.h"
 #include "link/json.h"
 #include "tests/browser_fixture.h"
+#include "tests/session.h"
 
 namespace nurel::testing {
 namespace {
@@ -37,36 +38,13 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   bool connected() const { return fd >= 0; }
-  bool send(const std::string& lines) {
-    for (size_t done = 0; done < lines.size();) {
-      ssize_t wrote = ::send(fd, lines.data() + done, lines.size() - done, MSG_NOSIGNAL);
-      if (wrote <= 0) return false;
-      done += size_t(wrote);
-    }
-    return true;
-  }
+  bool send(const std::string& lines) { return sendBytes(fd, lines); }
   bool request(const Json& id, const std::string& method, const Json& params = Json::object()) {
     return send(compact(Json{{"id", id}, {"method", method}, {"params", params}}) + "\n");
   }
   /// The next reply line, or nothing when the connection ended or `most` passed.
   std::optional<std::string> next(std::chrono::milliseconds most = 120s) {
-    auto end = Clock::now() + most;
-    for (;;) {
-      size_t newline = buffer.find('\n');
-      if (newline != std::string::npos) {
-        std::string line = buffer.substr(0, newline);
-        buffer.erase(0, newline + 1);
-        return line;
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd watch{fd, POLLIN, 0};
-      if (poll(&watch, 1, int(left.count())) <= 0) continue;
-      char block[65536];
-      ssize_t got = read(fd, block, sizeof block);
-      if (got <= 0) return std::nullopt;
-      buffer.append(block, size_t(got));
-    }
+    return nextLine(fd, buffer, most);
   }
   /// Whether a reply line is waiting, without waiting for one.
   bool replied() {
@@ -114,13 +92,19 @@ TEST(BrowserLoad, TenClientsOfAThousandRequestsEachAndALongWait) {
   ASSERT_TRUE(waiting.request("w", "wait", {{"tab", tab}, {"text", "load done"}, {"timeout", 60}}));
   std::this_thread::sleep_for(100ms);
   Connection probe(place.socket());
-  std::vector<double> idle;
-  for (int i = 0; i < 50; ++i) {
-    auto start = Clock::now();
-    probe.request(i, "hello");
-    ASSERT_TRUE(probe.next());
-    idle.push_back(millisecondsSince(start));
-  }
+  // How long each of 50 cheap requests takes, one after another; fewer when one goes unanswered.
+  auto probed = [&probe] {
+    std::vector<double> took;
+    for (int i = 0; i < 50; ++i) {
+      auto start = Clock::now();
+      probe.request(i, "hello");
+      if (!probe.next()) break;
+      took.push_back(millisecondsSince(start));
+    }
+    return took;
+  };
+  std::vector<double> idle = probed();
+  ASSERT_EQ(idle.size(), 50u);
 
   std::atomic<int> answeredDuringWait{0};
   std::vector<std::string> problems(clients);
@@ -175,13 +159,8 @@ TEST(BrowserLoad, TenClientsOfAThousandRequestsEachAndALongWait) {
   for (auto& thread : threads) thread.join();
   double took = millisecondsSince(started);
 
-  std::vector<double> busy;
-  for (int i = 0; i < 50; ++i) {
-    auto start = Clock::now();
-    probe.request(i, "hello");
-    ASSERT_TRUE(probe.next());
-    busy.push_back(millisecondsSince(start));
-  }
+  std::vector<double> busy = probed();
+  ASSERT_EQ(busy.size(), 50u);
   bool stillWaiting = !waiting.replied();
   for (int client = 0; client < clients; ++client) EXPECT_EQ(problems[client], "") << client;
   // The load was answered beside the wait, not after it.
@@ -414,8 +393,7 @@ TEST(BrowserCrashes, ChromiumKilledAnswersEveryRequestInFlightWithTheLostBrowser
   BackEnd place;
   std::string tab = place.open(url("/"));
   std::string never = place.open(url("/never"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
+  auto [back, chromium] = processesOf(place);
   ASSERT_GT(chromium, 0);
   std::vector<std::unique_ptr<Connection>> inFlight;
   std::vector<Json> requests = {
@@ -444,21 +422,21 @@ TEST(BrowserCrashes, ChromiumKilledAnswersEveryRequestInFlightWithTheLostBrowser
 TEST(BrowserCrashes, TheBackEndKilledIsStartedAgainByTheNextCommand) {
   BackEnd place;
   place.open(url("/"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
-  ASSERT_GT(back, 0);
-  kill(back, SIGKILL);
-  ASSERT_TRUE(eventually([&] { return !alive(back); }));
+  Processes killed = processesOf(place);
+  ASSERT_GT(killed.back, 0);
+  kill(killed.back, SIGKILL);
+  ASSERT_TRUE(eventually([&] { return !alive(killed.back); }));
   // Its socket stays behind, and nothing answers on it.
   EXPECT_TRUE(std::filesystem::exists(place.socket()));
   // Its Chromium goes with it rather than living on unowned.
-  EXPECT_TRUE(eventually([&] { return !alive(chromium); })) << "Chromium " << chromium << " outlived its back end";
+  EXPECT_TRUE(eventually([&] { return !alive(killed.chromium); }))
+      << "Chromium " << killed.chromium << " outlived its back end";
   Outcome opened = place.nurel({"open", url("/second")});
   EXPECT_EQ(opened.status, 0) << opened.err;
   EXPECT_EQ(opened.out, "t1 " + url("/second") + " \"Second\"\n");
   pid_t fresh = backEnd(place.socket());
   EXPECT_GT(fresh, 0);
-  EXPECT_NE(fresh, back);
+  EXPECT_NE(fresh, killed.back);
 }
 
 // ---- local files ----

@@ -329,6 +329,21 @@ pid_t chromiumOf(pid_t backEndPid) {
   return -1;
 }
 
+Processes processesOf(const BackEnd& place) {
+  Processes running;
+  running.back = backEnd(place.socket());
+  running.chromium = chromiumOf(running.back);
+  return running;
+}
+
+void expectGone(const BackEnd& place, const Processes& running, std::chrono::milliseconds most) {
+  EXPECT_TRUE(eventually([&] { return !alive(running.back); }, most))
+      << "back end " << running.back;
+  EXPECT_TRUE(eventually([&] { return !alive(running.chromium); }))
+      << "Chromium " << running.chromium;
+  EXPECT_FALSE(std::filesystem::exists(place.socket()));
+}
+
 bool alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0 && fileText("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos; }
 
 int connectTo(const std::string& path) {

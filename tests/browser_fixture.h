@@ -106,6 +106,18 @@ pid_t backEnd(const std::string& socket);
 pid_t chromiumOf(pid_t backEndPid);
 bool alive(pid_t pid);
 
+/// What runs for a back end that has served a command: the nurel-browser, and the Chromium it
+/// started (-1 when it drives a remote browser).
+struct Processes {
+  pid_t back = -1;
+  pid_t chromium = -1;
+};
+Processes processesOf(const BackEnd& place);
+/// Expects the back end of `running` gone within `most`, then its Chromium, and the socket of
+/// `place` with them.
+void expectGone(const BackEnd& place, const Processes& running,
+                std::chrono::milliseconds most = std::chrono::seconds(20));
+
 /// Waits for a condition up to `most` (a guard against hanging, not a speed test).
 template <class Condition>
 bool eventually(Condition condition, std::chrono::milliseconds most = std::chrono::seconds(20)) {

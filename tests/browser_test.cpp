@@ -402,8 +402,7 @@ TEST(Browser, ChromiumKilledMidSessionIsSaidAndReplaced) {
   if (overWebSocket()) GTEST_SKIP() << "the remote browser isn't the back end's to kill (WebSocket.TheRemoteBrowserKilledAndStartedAgainIsSurvived)";
   BackEnd place;
   std::string tab = place.open(url("/"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
+  auto [back, chromium] = processesOf(place);
   ASSERT_GT(chromium, 0);
   kill(chromium, SIGKILL);
   Outcome lost = place.nurel({"eval", tab, "return 1"});
@@ -422,24 +421,18 @@ TEST(Browser, SigtermClosesChromiumAndRemovesTheSocket) {
   if (overWebSocket()) GTEST_SKIP() << "the remote browser stays (WebSocket.ByWsAndByHttpTheRemoteBrowserIsDrivenAndLeftRunning)";
   BackEnd place;
   place.open(url("/"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
-  ASSERT_GT(chromium, 0);
-  kill(back, SIGTERM);
-  EXPECT_TRUE(eventually([&] { return !alive(back); }));
-  EXPECT_TRUE(eventually([&] { return !alive(chromium); }));
-  EXPECT_FALSE(std::filesystem::exists(place.socket()));
+  Processes running = processesOf(place);
+  ASSERT_GT(running.chromium, 0);
+  kill(running.back, SIGTERM);
+  expectGone(place, running);
 }
 
 TEST(Browser, ExitsAfterTheIdleTime) {
   BackEnd place(Env{{"NUREL_IDLE_MINUTES", "0.03"}});  // about two seconds
   place.open(url("/"));
-  pid_t back = backEnd(place.socket());
-  pid_t chromium = chromiumOf(back);
-  ASSERT_GT(back, 0);
-  EXPECT_TRUE(eventually([&] { return !alive(back); }, 30s));
-  EXPECT_TRUE(eventually([&] { return !alive(chromium); }));
-  EXPECT_FALSE(std::filesystem::exists(place.socket()));
+  Processes running = processesOf(place);
+  ASSERT_GT(running.back, 0);
+  expectGone(place, running, 30s);
 }
 
 TEST(Browser, SigninNeedsTheMacBrowser) {

@@ -18,6 +18,13 @@ const std::string usageLine = usage() + "\n";
 
 RunOptions at(const FakeBrowser& browser) { return withSocket(browser.socket()); }
 
+// The same, run in `dir`.
+RunOptions at(const FakeBrowser& browser, const TempDir& dir) {
+  RunOptions options = at(browser);
+  options.cwd = dir.path();
+  return options;
+}
+
 nlohmann::json params(const std::string& line) { return nlohmann::json::parse(line).at("params"); }
 std::string method(const std::string& line) { return nlohmann::json::parse(line).at("method"); }
 
@@ -211,9 +218,7 @@ TEST(Cli, ArgumentsThatAreNotUtf8CannotBeSent) {
 TEST(Cli, FileSavesTheWholeTextInsteadOfALimitedOne) {
   TempDir dir;
   FakeBrowser browser({R"({"id":$id,"result":"first line\n\nsecond line"})"});
-  RunOptions options = at(browser);
-  options.cwd = dir.path();
-  Outcome run = runNurel({"text", "t1", "--file", "out.txt", "--limit", "50"}, options);
+  Outcome run = runNurel({"text", "t1", "--file", "out.txt", "--limit", "50"}, at(browser, dir));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ("saved 2 lines to " + dir.file("out.txt") + "\n", run.out);
   EXPECT_EQ("first line\n\nsecond line\n", readFile(dir.file("out.txt")).value());
@@ -266,9 +271,7 @@ TEST(Cli, PdfSendsOnlyTheTabAndWritesUnderHome) {
 TEST(Cli, PdfWithoutFileIsNamedForTheTab) {
   TempDir dir;
   FakeBrowser browser({R"({"id":$id,"result":{"pdf":"JVBERi0xLjQ="}})"});
-  RunOptions options = at(browser);
-  options.cwd = dir.path();
-  Outcome run = runNurel({"pdf", "t1"}, options);
+  Outcome run = runNurel({"pdf", "t1"}, at(browser, dir));
   EXPECT_EQ(0, run.status);
   EXPECT_EQ("saved to " + dir.file("t1.pdf") + "\n", run.out);
   EXPECT_TRUE(std::filesystem::exists(dir.file("t1.pdf")));
@@ -280,9 +283,7 @@ TEST(Cli, PdfWithoutUsableBase64IsNoPdf) {
         R"({"id":$id,"result":"pdf"})", R"({"id":$id})"}) {
     TempDir dir;
     FakeBrowser browser({reply});
-    RunOptions options = at(browser);
-    options.cwd = dir.path();
-    Outcome run = runNurel({"pdf", "t1"}, options);
+    Outcome run = runNurel({"pdf", "t1"}, at(browser, dir));
     EXPECT_EQ(1, run.status) << reply;
     EXPECT_EQ("no PDF\n", run.err) << reply;
     EXPECT_EQ("", run.out);
@@ -293,9 +294,7 @@ TEST(Cli, PdfWithoutUsableBase64IsNoPdf) {
 TEST(Cli, ScreenshotWithoutFileWritesTabPngHere) {
   TempDir dir;
   FakeBrowser browser({R"({"id":$id,"result":{"png":"iVBORw0KGgo="}})"});
-  RunOptions options = at(browser);
-  options.cwd = dir.path();
-  Outcome run = runNurel({"screenshot", "t1"}, options);
+  Outcome run = runNurel({"screenshot", "t1"}, at(browser, dir));
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ("saved to " + dir.file("t1.png") + "\n", run.out);
   EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n"), readFile(dir.file("t1.png")).value());
@@ -340,9 +339,7 @@ TEST(Cli, AScreenshotThatCannotBeWrittenPrintsNoRefs) {
 TEST(Cli, ScreenshotWithoutPngIsNoScreenshot) {
   TempDir dir;
   FakeBrowser browser({R"({"id":$id,"result":{"refs":"e1"}})"});
-  RunOptions options = at(browser);
-  options.cwd = dir.path();
-  Outcome run = runNurel({"screenshot", "t1"}, options);
+  Outcome run = runNurel({"screenshot", "t1"}, at(browser, dir));
   EXPECT_EQ(1, run.status);
   EXPECT_EQ("no screenshot\n", run.err);
   EXPECT_EQ("", run.out);

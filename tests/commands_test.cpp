@@ -323,28 +323,16 @@ TEST_F(Commands, NetworkSendsFilterSwitchesAndRequestAsAnInteger) {
       sent({"network", "t1", "--filter", "api", "--failed", "--clear", "--request", "12"}));
 }
 
-TEST_F(Commands, NetworkRequestReadsPastHashes) {
-  EXPECT_EQ(request("network", R"({"tab":"t1","request":7})"),
-            sent({"network", "t1", "--request", "#7"}));
-  EXPECT_EQ(request("network", R"({"tab":"t1","request":12})"),
-            sent({"network", "t1", "--request", "##12##"}));
-}
-
-TEST_F(Commands, NetworkRequestThatIsNotANumberIsDropped) {
-  EXPECT_EQ(request("network", R"({"tab":"t1"})"), sent({"network", "t1", "--request", "seven"}));
-  EXPECT_EQ(request("network", R"({"tab":"t1"})"),
-            sent({"network", "t1", "--request", "99999999999999999999"}));
-}
-
-TEST_F(Commands, LimitThatIsNotANumberIsDropped) {
-  EXPECT_EQ(request("console", R"({"tab":"t1"})"), sent({"console", "t1", "--limit", "12abc"}));
-}
-
-TEST_F(Commands, LimitKeepsSigns) {
-  EXPECT_EQ(request("console", R"({"tab":"t1","limit":-3})"),
-            sent({"console", "t1", "--limit", "-3"}));
-  EXPECT_EQ(request("console", R"({"tab":"t1","limit":4})"),
-            sent({"console", "t1", "--limit", "+4"}));
+TEST_F(Commands, RequestReadsPastHashesLimitKeepsSignsAndNonNumbersAreDropped) {
+  for (const auto& [words, params] : std::vector<std::pair<std::vector<std::string>, const char*>>{
+           {{"network", "t1", "--request", "#7"}, R"({"tab":"t1","request":7})"},
+           {{"network", "t1", "--request", "##12##"}, R"({"tab":"t1","request":12})"},
+           {{"network", "t1", "--request", "seven"}, R"({"tab":"t1"})"},
+           {{"network", "t1", "--request", "99999999999999999999"}, R"({"tab":"t1"})"},
+           {{"console", "t1", "--limit", "12abc"}, R"({"tab":"t1"})"},
+           {{"console", "t1", "--limit", "-3"}, R"({"tab":"t1","limit":-3})"},
+           {{"console", "t1", "--limit", "+4"}, R"({"tab":"t1","limit":4})"}})
+    EXPECT_EQ(request(words[0], params), sent(words));
 }
 
 TEST_F(Commands, DownloadsSendsWait) {

@@ -126,16 +126,20 @@ TEST(Faults, OneReplyLineOf256MiB) {
   EXPECT_EQ(std::vector<std::string>{}, othersIn(dir.path(), "big.txt"));
 }
 
+// A call that failed, on one line, because the browser's reply could not be read.
+void expectUnreadableReply(const Outcome& run) {
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("", run.out);
+  EXPECT_TRUE(run.err.starts_with("couldn't read a reply from Nurel: ")) << run.err;
+  EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
+}
+
 TEST(Faults, InvalidUtf8InAReplyIsAnUnreadableReply) {
   HandMadeBrowser browser([](int client, int) {
     readRequest(client);
     sendBytes(client, "{\"id\":1,\"result\":\"caf\xff\xfe\"}\n");
   });
-  Outcome run = runNurel({"tabs"}, withSocket(browser.socket()));
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ("", run.out);
-  EXPECT_TRUE(run.err.starts_with("couldn't read a reply from Nurel: ")) << run.err;
-  EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
+  expectUnreadableReply(runNurel({"tabs"}, withSocket(browser.socket())));
 }
 
 TEST(Faults, InvalidUtf8InAReplyIsAnErrorResultInMcp) {
@@ -164,11 +168,7 @@ TEST(Faults, InvalidUtf8InAReplyIsAnErrorResultInMcp) {
 
 TEST(Faults, ALineThatIsNotJsonEndsTheCall) {
   FakeBrowser browser({"this is not json"});
-  Outcome run = runNurel({"tabs"}, withSocket(browser.socket()));
-  EXPECT_EQ(1, run.status);
-  EXPECT_EQ("", run.out);
-  EXPECT_TRUE(run.err.starts_with("couldn't read a reply from Nurel: ")) << run.err;
-  EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
+  expectUnreadableReply(runNurel({"tabs"}, withSocket(browser.socket())));
 }
 
 TEST(Faults, JsonThatIsNotAReplyIsSkipped) {
@@ -362,18 +362,24 @@ TEST(Faults, AFailedWriteInMcpIsAnErrorResultAndKeepsTheOldFile) {
   EXPECT_EQ(std::vector<std::string>{}, othersIn(dir.path(), "out.txt"));
 }
 
-TEST(Faults, AMissingFolderFailsInBothFrontEndsAndCreatesNothing) {
-  TempDir dir;
-  std::string path = dir.file("missing/out.txt");
+// Saves a page's text to `path` through the command line, then through the MCP server; both
+// must fail with "couldn't write <path>: <why>".
+void expectBothFrontEndsFailToWrite(const std::string& path, const std::string& why) {
   FakeBrowser browser({R"({"id":$id,"result":"text"})", R"({"id":$id,"result":"text"})"});
   expectFailure(runNurel({"text", "t1", "--file", path}, withSocket(browser.socket())),
-                "couldn't write " + path + ": no such file or directory");
+                "couldn't write " + path + ": " + why);
   RunOptions options = withSocket(browser.socket());
   options.input = toolCall("1", "get_text", json{{"tab", "t1"}, {"file", path}}.dump()) + "\n";
   Outcome mcp = runNurel({"mcp"}, options);
   ToolResult result = toolResult(mcp.out.substr(0, mcp.out.find('\n')), "1");
   EXPECT_TRUE(result.isError);
-  EXPECT_EQ("couldn't write " + path + ": no such file or directory", result.text);
+  EXPECT_EQ("couldn't write " + path + ": " + why, result.text);
+}
+
+TEST(Faults, AMissingFolderFailsInBothFrontEndsAndCreatesNothing) {
+  TempDir dir;
+  std::string path = dir.file("missing/out.txt");
+  expectBothFrontEndsFailToWrite(path, "no such file or directory");
   EXPECT_EQ(std::vector<std::string>{}, othersIn(dir.path()));
 }
 
@@ -425,15 +431,7 @@ TEST(Faults, AReadOnlyFolderFailsInBothFrontEnds) {
   std::optional<std::string> folder = readOnlyFolder(dir);
   if (!folder) GTEST_SKIP() << "running as root without a folder that refuses new files";
   std::string path = *folder + "/out.txt";
-  FakeBrowser browser({R"({"id":$id,"result":"text"})", R"({"id":$id,"result":"text"})"});
-  expectFailure(runNurel({"text", "t1", "--file", path}, withSocket(browser.socket())),
-                "couldn't write " + path + ": permission denied");
-  RunOptions options = withSocket(browser.socket());
-  options.input = toolCall("1", "get_text", json{{"tab", "t1"}, {"file", path}}.dump()) + "\n";
-  Outcome mcp = runNurel({"mcp"}, options);
-  ToolResult result = toolResult(mcp.out.substr(0, mcp.out.find('\n')), "1");
-  EXPECT_TRUE(result.isError);
-  EXPECT_EQ("couldn't write " + path + ": permission denied", result.text);
+  expectBothFrontEndsFailToWrite(path, "permission denied");
   EXPECT_FALSE(std::filesystem::exists(path));
   if (*folder != "/sys") {
     EXPECT_EQ(std::vector<std::string>{}, othersIn(*folder));

@@ -13,9 +13,7 @@
 
 namespace nurel::testing {
 
-namespace {
-
-int listenOn127(int& port) {
+int listenOnLoopback(int& port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) throw std::runtime_error("socket failed");
   int yes = 1;
@@ -32,6 +30,8 @@ int listenOn127(int& port) {
   return fd;
 }
 
+namespace {
+
 const char* reason(int status) {
   switch (status) {
     case 200: return "OK";
@@ -46,7 +46,7 @@ const char* reason(int status) {
 }  // namespace
 
 HttpServer::HttpServer(std::function<Response(const std::string&)> route) : route(std::move(route)) {
-  listener = listenOn127(bound);
+  listener = listenOnLoopback(bound);
   acceptor = std::thread([this] {
     while (!stopping) {
       pollfd watch{listener, POLLIN, 0};
@@ -129,7 +129,7 @@ void HttpServer::serve(int connection) {
 
 int closedPort() {
   int port = 0;
-  int fd = listenOn127(port);
+  int fd = listenOnLoopback(port);
   close(fd);
   return port;
 }

@@ -46,6 +46,9 @@ class HttpServer {
   std::thread acceptor;
 };
 
+/// A socket listening on a free port of 127.0.0.1, which goes in `port`; throws when it can't.
+int listenOnLoopback(int& port);
+
 /// A port on 127.0.0.1 on which nothing listens.
 int closedPort();
 

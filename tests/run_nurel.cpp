@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -151,6 +152,21 @@ std::optional<std::string> readFile(const std::string& path) {
 void writeTestFile(const std::string& path, const std::string& content, bool executable) {
   std::ofstream(path, std::ios::binary) << content;
   if (executable) chmod(path.c_str(), 0755);
+}
+
+std::string encodedBase64(const std::string& bytes) {
+  static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < bytes.size(); i += 3) {
+    uint32_t bits = uint32_t(static_cast<unsigned char>(bytes[i])) << 16;
+    if (i + 1 < bytes.size()) bits |= uint32_t(static_cast<unsigned char>(bytes[i + 1])) << 8;
+    if (i + 2 < bytes.size()) bits |= static_cast<unsigned char>(bytes[i + 2]);
+    out += alphabet[bits >> 18 & 63];
+    out += alphabet[bits >> 12 & 63];
+    out += i + 1 < bytes.size() ? alphabet[bits >> 6 & 63] : '=';
+    out += i + 2 < bytes.size() ? alphabet[bits & 63] : '=';
+  }
+  return out;
 }
 
 }  // namespace nurel::testing

@@ -50,4 +50,8 @@ std::optional<std::string> readFile(const std::string& path);
 /// Writes a file (for test inputs).
 void writeTestFile(const std::string& path, const std::string& content, bool executable = false);
 
+/// `bytes` in standard base64, padded: a plain encoder for test inputs, and to check the
+/// program's decoder against.
+std::string encodedBase64(const std::string& bytes);
+
 }  // namespace nurel::testing

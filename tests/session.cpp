@@ -53,22 +53,8 @@ void Session::send(const std::string& line) {
 }
 
 std::optional<std::string> Session::next() {
-  for (;;) {
-    auto newline = pending.find('\n');
-    if (newline != std::string::npos) {
-      std::string line = pending.substr(0, newline);
-      pending.erase(0, newline + 1);
-      return line;
-    }
-    if (output < 0) return std::nullopt;
-    pollfd waiting{output, POLLIN, 0};
-    if (poll(&waiting, 1, 60000) == 0) return std::nullopt;
-    char block[65536];
-    ssize_t got = read(output, block, sizeof block);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return std::nullopt;
-    pending.append(block, size_t(got));
-  }
+  if (output < 0) return std::nullopt;
+  return nextLine(output, pending, std::chrono::minutes(1));
 }
 
 void Session::stopReading() {
@@ -127,12 +113,35 @@ std::string readRequest(int fd) {
   return line;
 }
 
-void sendBytes(int fd, std::string_view bytes) {
+bool sendBytes(int fd, std::string_view bytes) {
   for (size_t done = 0; done < bytes.size();) {
     ssize_t wrote = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
     if (wrote < 0 && errno == EINTR) continue;
-    if (wrote < 1) return;
+    if (wrote < 1) return false;
     done += size_t(wrote);
+  }
+  return true;
+}
+
+std::optional<std::string> nextLine(int fd, std::string& buffer, std::chrono::milliseconds most) {
+  auto end = std::chrono::steady_clock::now() + most;
+  for (;;) {
+    size_t newline = buffer.find('\n');
+    if (newline != std::string::npos) {
+      std::string line = buffer.substr(0, newline);
+      buffer.erase(0, newline + 1);
+      return line;
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return std::nullopt;
+    pollfd watch{fd, POLLIN, 0};
+    if (poll(&watch, 1, int(left.count())) <= 0) continue;
+    char block[65536];
+    ssize_t got = read(fd, block, sizeof block);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return std::nullopt;
+    buffer.append(block, size_t(got));
   }
 }
 

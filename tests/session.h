@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -31,7 +32,7 @@ class Session {
   /// Writes `line` and a line feed to the program's standard input.
   void send(const std::string& line);
   /// The next line of standard output, without its line feed; nothing when the output ends or
-  /// nothing comes within a minute (a hang, not a time limit on the program).
+  /// no line comes within a minute (a hang, not a time limit on the program).
   std::optional<std::string> next();
   /// Closes the reading end of the program's standard output, as a host that goes away does.
   void stopReading();
@@ -74,8 +75,11 @@ class HandMadeBrowser {
 
 /// Reads one request line from `fd`, without its line feed ("" when the peer hangs up).
 std::string readRequest(int fd);
-/// Writes all of `bytes` to `fd`, ignoring a peer that has gone.
-void sendBytes(int fd, std::string_view bytes);
+/// Writes all of `bytes` to `fd`, ignoring a peer that has gone; whether all were written.
+bool sendBytes(int fd, std::string_view bytes);
+/// The next line from `fd`, without its line feed, through `buffer`, which keeps what was read
+/// past the line; nothing when the stream ends or no line comes within `most`.
+std::optional<std::string> nextLine(int fd, std::string& buffer, std::chrono::milliseconds most);
 
 /// A JSON-RPC tools/call line.
 std::string toolCall(const std::string& id, const std::string& tool, const std::string& arguments);

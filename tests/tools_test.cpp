@@ -36,26 +36,13 @@ std::string tone(int seconds) {
   return wav;
 }
 
-std::string base64(const std::string& bytes) {
-  static const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    uint32_t group = uint32_t(uint8_t(bytes[i])) << 16;
-    if (i + 1 < bytes.size()) group |= uint32_t(uint8_t(bytes[i + 1])) << 8;
-    if (i + 2 < bytes.size()) group |= uint32_t(uint8_t(bytes[i + 2]));
-    out += digits[group >> 18 & 63];
-    out += digits[group >> 12 & 63];
-    out += i + 1 < bytes.size() ? digits[group >> 6 & 63] : '=';
-    out += i + 2 < bytes.size() ? digits[group & 63] : '=';
-  }
-  return out;
-}
-
 TEST(Media, PlaysPausesSeeksAndSaysHowItIs) {
   // From a data: address, which can be sought through as a file can.
-  servePage("/player", "<title>Player</title><audio aria-label=tone.wav controls src='data:audio/wav;base64," +
-                           base64(tone(5)) + "'></audio>"
-                       "<button onclick=\"said.textContent = 'next'\">Next track</button><p id=said></p>");
+  servePage("/player",
+            "<title>Player</title><audio aria-label=tone.wav controls src='data:audio/wav;base64," +
+                encodedBase64(tone(5)) +
+                "'></audio>"
+                "<button onclick=\"said.textContent = 'next'\">Next track</button><p id=said></p>");
   std::string tab = shared().open(url("/player"));
   EXPECT_EQ(shared().nurel({"media", tab}).out,
             "audio \"tone.wav\": paused at 0:00 of 0:05, volume 100%, rate 1x\n");

@@ -42,34 +42,11 @@ bool hasPage(const RemoteChromium& chromium, const std::string& address) {
   return std::find(pages.begin(), pages.end(), address) != pages.end();
 }
 
-// A port of 127.0.0.1 where nothing listens (one just given up).
-int unusedPort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
 // Takes the requests that come to a port of 127.0.0.1, one connection at a time, and hangs up
 // on each without an answer once its head has come.
 class Listener {
  public:
-  Listener() {
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    listen(fd, 8);
-    port = ntohs(address.sin_port);
-  }
+  Listener() : fd(listenOnLoopback(port)) {}
   ~Listener() { close(fd); }
   // The head of the next request.
   std::string next() {
@@ -85,7 +62,8 @@ class Listener {
     close(client);
     return head;
   }
-  int fd = -1, port = 0;
+  int port = 0;  // before fd, which sets it
+  int fd = -1;
 };
 
 TEST(WebSocket, ByWsAndByHttpTheRemoteBrowserIsDrivenAndLeftRunning) {
@@ -180,7 +158,7 @@ TEST(WebSocket, TheRemoteBrowserKilledAndStartedAgainIsSurvived) {
 
 TEST(WebSocket, AWrongAddressSaysWhatWasTried) {
   ONLY_OVER_WEBSOCKET();
-  std::string nothing = "ws://127.0.0.1:" + std::to_string(unusedPort()) + "/devtools/browser/x";
+  std::string nothing = "ws://127.0.0.1:" + std::to_string(closedPort()) + "/devtools/browser/x";
   // The back end tries as it starts, so the first request may find part of the wait gone.
   auto retrying = [](std::string error) {
     size_t again = error.find("; trying again in ");
@@ -225,7 +203,7 @@ TEST(WebSocket, AWrongAddressSaysWhatWasTried) {
 
 TEST(WebSocket, WithoutItsModuleTheBackEndSaysSoAndStillAnswers) {
   ONLY_OVER_WEBSOCKET();
-  std::string nothing = "ws://127.0.0.1:" + std::to_string(unusedPort()) + "/devtools/browser/x";
+  std::string nothing = "ws://127.0.0.1:" + std::to_string(closedPort()) + "/devtools/browser/x";
   BackEnd place;
   // A bundle of nurel-browser alone, its PlugIns folder as each case leaves it.
   std::string bundle = place.file("Nurel.app/Contents"), plugIns = bundle + "/PlugIns";
