@@ -17,19 +17,11 @@
 #include <thread>
 
 #include "browser/remote.h"
+#include "browser/server.h"
 
 namespace nurel::browser {
 
 namespace {
-
-void makeFolders(const std::string& path) {
-  for (size_t slash = 1; slash != std::string::npos;) {
-    slash = path.find('/', slash + 1);
-    std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
-      throw Failure("couldn't make the folder " + part + ": " + std::strerror(errno));
-  }
-}
 
 std::string lastLine(const std::string& path) {
   std::ifstream file(path);

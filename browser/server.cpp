@@ -48,16 +48,6 @@ std::string folderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-void makeFolders(const std::string& path) {
-  for (size_t slash = 1; slash != std::string::npos;) {
-    slash = path.find('/', slash + 1);
-    std::string part = path.substr(0, slash);
-    if (part.empty()) continue;
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
-      throw std::runtime_error("couldn't make the folder " + part + ": " + std::strerror(errno));
-  }
-}
-
 bool writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     ssize_t wrote = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -71,6 +61,17 @@ bool writeAll(int fd, std::string_view bytes) {
 std::string nonEmpty(std::string text) { return text.empty() ? "failed" : text; }
 
 }  // namespace
+
+void makeFolders(const std::string& path) {
+  for (size_t slash = 1; slash != std::string::npos;) {
+    slash = path.find('/', slash + 1);
+    std::string part = path.substr(0, slash);
+    if (part.empty()) continue;
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST)
+      throw std::runtime_error("couldn't make the folder " + part + ": " + std::strerror(errno));
+  }
+}
+
 
 std::optional<std::string> respond(const Handler& handler, std::string_view line) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);

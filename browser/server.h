@@ -63,4 +63,8 @@ class Server {
   std::chrono::steady_clock::time_point lastActive;
 };
 
+/// Makes a folder and those it is in (mode 0700), as `mkdir -p`; throws std::runtime_error
+/// naming the one it couldn't make.
+void makeFolders(const std::string& path);
+
 }  // namespace nurel::browser
