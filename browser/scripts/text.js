@@ -1,5 +1,7 @@
 // The page's text for an agent: the article as the Readability library finds it, with its
 // headings, paragraphs and list items kept apart, else (or with `all`) all the visible text.
+// Only what a person can see: page.js judges the texts. Answers { text, hidden }, hidden being
+// how many texts a person can't see were left out.
 // Runs in the back end's isolated world; the page's own scripts can't see or change it.
 (all) => {
   const skipped = new Set(['SCRIPT', 'STYLE', 'NOSCRIPT', 'TEMPLATE', 'SVG', 'CANVAS', 'IFRAME']);
@@ -10,7 +12,9 @@
     const out = [];
     const walk = (node) => {
       if (node.nodeType === Node.TEXT_NODE) {
-        out.push(node.data.replace(/\s+/g, ' '));
+        // One space between words, where a text left out stood between two.
+        const piece = node.data.replace(/\s+/g, ' ');
+        out.push(piece.startsWith(' ') && out.length && out[out.length - 1].endsWith(' ') ? piece.slice(1) : piece);
         return;
       }
       if (node.nodeType !== Node.ELEMENT_NODE || skipped.has(node.tagName.toUpperCase())) return;
@@ -33,26 +37,35 @@
     walk(root);
     return out.join('')
       .split('\n').map((line) => line.trim()).join('\n')
-      .replace(/^- *$/gm, '')
+      .replace(/^(- *|#+ *)$/gm, '')
       .replace(/\n{3,}/g, '\n\n')
       .trim();
   };
   if (!all && typeof Readability === 'function') {
     try {
-      const article = new Readability(document.cloneNode(true)).parse();
+      // The copy Readability reads has no texts a person can't see. Those it would have kept
+      // are counted by a mark left in their place, which it carries through.
+      const mark = '\ufdd0';
+      const hidden = new Map(__nurel.hiddenTexts());
+      const copy = document.cloneNode(true);
+      if (copy.body && hidden.size) {
+        const walker = copy.createTreeWalker(copy.body, NodeFilter.SHOW_TEXT);
+        for (let node = walker.nextNode(), at = 0; node; node = walker.nextNode(), ++at)
+          if (hidden.has(at)) node.data = hidden.get(at) ? mark : '';
+      }
+      const article = new Readability(copy).parse();
       if (article && article.content) {
         const parsed = new DOMParser().parseFromString(article.content, 'text/html');
-        const body = asText(parsed.body);
+        const marked = asText(parsed.body);
+        const body = marked.split(mark).join('').replace(/^ +| +$/gm, '').replace(/\n{3,}/g, '\n\n').trim();
         if (body.length > 0) {
           const title = (article.title || '').trim();
-          return (title ? '# ' + title + '\n\n' : '') + body;
+          return { text: (title ? '# ' + title + '\n\n' : '') + body, hidden: marked.split(mark).length - 1 };
         }
       }
     } catch (e) {
       // Not an article: the visible text below.
     }
   }
-  const root = document.body || document.documentElement;
-  if (!root) return '';
-  return (root.innerText || '').replace(/\n{3,}/g, '\n\n').trim();
+  return __nurel.visibleText();
 }
