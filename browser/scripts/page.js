@@ -470,13 +470,13 @@
       }
       if (!hit || within(element, hit) || within(hit, element)) return false;
       // What is on top shows the text through unless something of it, up to what holds both,
-      // is opaque.
+      // is opaque: a background colour, a picture that loaded (not a spacer of one pixel, which
+      // pages stretch over things and is clear), a video.
       let opaque = false;
       for (let over = hit; over && !within(over, element); over = upOf(over)) {
-        const style = styleOf(over);
-        const colour = rgba(style.backgroundColor);
-        if ((colour && colour[3] >= 1) || style.backgroundImage !== 'none' ||
-            ['img', 'video', 'canvas', 'iframe', 'svg', 'object', 'embed'].includes(over.localName)) {
+        const colour = rgba(styleOf(over).backgroundColor);
+        if ((colour && colour[3] >= 1) || over.localName === 'video' ||
+            (over.localName === 'img' && over.complete && over.naturalWidth > 1 && over.naturalHeight > 1)) {
           opaque = true;
           break;
         }
@@ -1458,7 +1458,14 @@
             if (child.data) out.push(' ');
           } else if (seen(child)) {
             const holder = child.parentElement;
-            out.push(holder && styleOf(holder).whiteSpace.startsWith('pre') ? child.data : child.data.replace(/\s+/g, ' '));
+            const style = holder ? styleOf(holder) : null;
+            let said = style && style.whiteSpace.startsWith('pre') ? child.data : child.data.replace(/\s+/g, ' ');
+            // As the page shows it: in capitals where it says so.
+            const transform = style ? style.textTransform : 'none';
+            if (transform === 'uppercase') said = said.toUpperCase();
+            else if (transform === 'lowercase') said = said.toLowerCase();
+            else if (transform === 'capitalize') said = said.replace(/(^|[\s(\-"'])(\p{Ll})/gu, (all, before, letter) => before + letter.toUpperCase());
+            out.push(said);
           }
           continue;
         }
@@ -1471,16 +1478,35 @@
         }
         const display = styleOf(child).display;
         if (display === 'none' || (display !== 'contents' && !child.checkVisibility())) continue;
-        const around = tag === 'p' ? '\n\n' : display.startsWith('inline') || display === 'contents' ? ''
-          : display === 'table-cell' ? '\t' : '\n';
-        if (around !== '\t') out.push(around);
+        // A dropdown shows the option chosen; a list box, all of them.
+        if (tag === 'select') {
+          const options = child.multiple || child.size > 1 ? Array.from(child.options) : Array.from(child.selectedOptions);
+          out.push(' ' + options.map((option) => squash(option.textContent)).join('\n') + ' ');
+          continue;
+        }
+        // Around a block, a line break it needs (a number: those of blocks side by side make
+        // one, as innerText has it); two around a paragraph; a tab after a table's cell.
+        const around = tag === 'p' ? 2 : display.startsWith('inline') || display === 'contents' ? 0
+          : display === 'table-cell' ? 0 : 1;
+        if (around) out.push(around);
         walk(child);
-        out.push(around);
+        if (around) out.push(around);
+        else if (display === 'table-cell') out.push('\t');
       }
     };
     const root = document.body || document.documentElement;
     if (root) walk(root);
-    const text = out.join('').split('\n')
+    let joined = '', breaks = 0;
+    for (const piece of out) {
+      if (typeof piece === 'number') {
+        breaks = Math.max(breaks, piece);
+      } else if (!breaks || piece.trim() || piece === '\n') {
+        if (breaks && joined) joined += '\n'.repeat(breaks);
+        breaks = 0;
+        joined += piece;
+      }
+    }
+    const text = joined.split('\n')
       .map((line) => line.replace(/[ \u00a0]*\t[ \t\u00a0]*/g, '\t').replace(/ {2,}/g, ' ').trim())
       .join('\n').replace(/\n{3,}/g, '\n\n').trim();
     return { text, hidden: leftOut() };
@@ -1499,9 +1525,19 @@
     }
     return hidden;
   });
-  // What a person sees of each element's text, and how many texts in them they don't.
-  const seenTexts = (elements) => withSight(() => ({
-    texts: elements.map((found) => squash(textOf(found))), hidden: leftOut() }));
+  // What a person sees of each element's text, word for word as its texts say it, and how many
+  // texts in them they don't.
+  const seenTexts = (elements) => withSight(() => {
+    const said = (node) => {
+      let out = '';
+      for (const child of node.childNodes) {
+        if (child.nodeType === Node.TEXT_NODE) out += !child.data.trim() || seen(child) ? child.data : '';
+        else if (child.nodeType === Node.ELEMENT_NODE) out += said(child);
+      }
+      return out;
+    };
+    return { texts: elements.map((found) => squash(said(found))), hidden: leftOut() };
+  });
 
   globalThis.__nurel = { visibleText, hiddenTexts, seenTexts, snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still, drawn,
     scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,

@@ -12,9 +12,7 @@
     const out = [];
     const walk = (node) => {
       if (node.nodeType === Node.TEXT_NODE) {
-        // One space between words, where a text left out stood between two.
-        const piece = node.data.replace(/\s+/g, ' ');
-        out.push(piece.startsWith(' ') && out.length && out[out.length - 1].endsWith(' ') ? piece.slice(1) : piece);
+        out.push(node.data.replace(/\s+/g, ' '));
         return;
       }
       if (node.nodeType !== Node.ELEMENT_NODE || skipped.has(node.tagName.toUpperCase())) return;
@@ -37,30 +35,35 @@
     walk(root);
     return out.join('')
       .split('\n').map((line) => line.trim()).join('\n')
-      .replace(/^(- *|#+ *)$/gm, '')
+      // Where texts a person can't see stood (marked in the copy Readability read): a line of
+      // nothing else goes, and one space stays where there was one around them.
+      .replace(/^(- |#+ )?[\ufdd0\ufdd1][\ufdd0\ufdd1 ]*$/gm, '')
+      .replace(/ *[\ufdd0\ufdd1][\ufdd0\ufdd1 ]*/g, (run) => (run.includes(' ') ? ' ' : ''))
+      .replace(/^ +| +$/gm, '')
+      .replace(/^- *$/gm, '')
       .replace(/\n{3,}/g, '\n\n')
       .trim();
   };
   if (!all && typeof Readability === 'function') {
     try {
-      // The copy Readability reads has no texts a person can't see. Those it would have kept
-      // are counted by a mark left in their place, which it carries through.
-      const mark = '\ufdd0';
+      // The copy Readability reads has none of the texts a person can't see: a mark stands in
+      // each one's place, which it carries through, so that those of the article are counted
+      // (\ufdd0; \ufdd1 for a control's hidden name, which isn't counted).
       const hidden = new Map(__nurel.hiddenTexts());
       const copy = document.cloneNode(true);
       if (copy.body && hidden.size) {
         const walker = copy.createTreeWalker(copy.body, NodeFilter.SHOW_TEXT);
         for (let node = walker.nextNode(), at = 0; node; node = walker.nextNode(), ++at)
-          if (hidden.has(at)) node.data = hidden.get(at) ? mark : '';
+          if (hidden.has(at)) node.data = hidden.get(at) ? '\ufdd0' : '\ufdd1';
       }
       const article = new Readability(copy).parse();
       if (article && article.content) {
         const parsed = new DOMParser().parseFromString(article.content, 'text/html');
-        const marked = asText(parsed.body);
-        const body = marked.split(mark).join('').replace(/^ +| +$/gm, '').replace(/\n{3,}/g, '\n\n').trim();
+        const body = asText(parsed.body);
         if (body.length > 0) {
           const title = (article.title || '').trim();
-          return { text: (title ? '# ' + title + '\n\n' : '') + body, hidden: marked.split(mark).length - 1 };
+          return { text: (title ? '# ' + title + '\n\n' : '') + body,
+            hidden: (article.content.match(/\ufdd0/g) || []).length };
         }
       }
     } catch (e) {
