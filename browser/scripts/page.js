@@ -186,8 +186,6 @@
     return '';
   };
 
-  // Whether textOf(…, true) took a text a person can't see.
-  let tookHidden = false;
   const textOf = (node, skip, naming) => {
     // What a person sees of an element's text: visible descendants only; of a dropdown, what
     // it shows (the chosen option); nothing of `skip` (the field a label names). `naming`: as
@@ -196,11 +194,7 @@
     let out = '';
     for (const child of node.childNodes) {
       if (child.nodeType === Node.TEXT_NODE) {
-        if (!child.data.trim()) out += child.data;
-        else if (naming ? whyHidden(child) !== 'unrendered' : seen(child)) {
-          out += child.data;
-          if (naming && !tookHidden && whyHidden(child)) tookHidden = true;
-        }
+        if (naming || !child.data.trim() || seen(child)) out += child.data;
       } else if (child.nodeType === Node.ELEMENT_NODE && child !== skip && shown(child)) {
         const tag = child.localName;
         if (tag === 'img') out += ' ' + (child.getAttribute('alt') || '') + ' ';
@@ -212,11 +206,14 @@
     return out;
   };
   // A control's name from what it holds, hidden words included as accessibility tools take
-  // them; cut at 100 characters where some were hidden.
+  // them; cut at 100 characters where some were hidden (which only a longer one needs asking).
   const nameFrom = (node, skip) => {
-    tookHidden = false;
     const text = squash(textOf(node, skip, true));
-    return tookHidden ? clip(text, 100) : text;
+    if (text.length <= 100) return text;
+    const walker = document.createTreeWalker(node, NodeFilter.SHOW_TEXT);
+    for (let inner = walker.nextNode(); inner; inner = walker.nextNode())
+      if (inner.data.trim() && whyHidden(inner)) return clip(text, 100);
+    return text;
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
     .map((found) => squash(found.textContent)).join(' ');
@@ -297,7 +294,8 @@
   // what lies on top only on the screen, where hit-testing works.
   let sight = null;
   const newSight = () => ({ styles: new Map(), boxes: new Map(), clips: new Map(), gone: new Map(),
-    paints: new Map(), judged: new Map(), own: new Map(), left: new Set() });
+    paints: new Map(), judged: new Map(), own: new Map(), indents: new Map(), positions: new Map(),
+    holders: new Map(), fills: new Map(), left: new Set() });
   // An element judged for its own alt rather than for its texts is kept apart.
   const alone = new WeakMap();
   const aloneKey = (element) => {
@@ -309,6 +307,23 @@
     let style = sight.styles.get(element);
     if (!style) sight.styles.set(element, style = element.ownerDocument.defaultView.getComputedStyle(element));
     return style;
+  };
+  const positionOf = (element) => {
+    let position = sight.positions.get(element);
+    if (!position) sight.positions.set(element, position = styleOf(element).position);
+    return position;
+  };
+  // Where a text's box is measured: its element, or for an inline one (which flows in its
+  // block's lines, and which neither transforms nor sizes move) the block it flows in. Boxes
+  // cost: a paragraph of twenty links is measured once.
+  const holderOf = (element) => {
+    let holder = sight.holders.get(element);
+    if (holder) return holder;
+    const up = upOf(element);
+    holder = up && styleOf(element).display === 'inline' && positionOf(element) === 'static' &&
+      element.localName !== 'br' ? holderOf(up) : element;
+    sight.holders.set(element, holder);
+    return holder;
   };
   const boxOf = (element) => {
     let box = sight.boxes.get(element);
@@ -341,10 +356,11 @@
         gone = /^(circle|ellipse)\(0px[\s)]/.test(path);
       }
     }
-    if (!gone && style.clip && style.clip !== 'auto') {
+    // clip works on absolutely positioned boxes only.
+    const position = positionOf(element);
+    if (!gone && (position === 'absolute' || position === 'fixed') && style.clip !== 'auto') {
       const sides = (style.clip.match(/-?[\d.]+px/g) || []).map(parseFloat);
-      gone = sides.length === 4 && (sides[2] <= sides[0] || sides[1] <= sides[3]) &&
-        (style.position === 'absolute' || style.position === 'fixed');
+      gone = sides.length === 4 && (sides[2] <= sides[0] || sides[1] <= sides[3]);
     }
     if (!gone) {
       const up = upOf(element);
@@ -363,11 +379,11 @@
     let clip = sight.clips.get(element);
     if (clip) return clip;
     const style = styleOf(element);
-    const position = style.position;
+    const position = positionOf(element);
     let holder = null;
     if (position === 'absolute') {
       for (holder = upOf(element); holder && holder !== holder.ownerDocument.documentElement &&
-           styleOf(holder).position === 'static' && styleOf(holder).transform === 'none'; holder = upOf(holder));
+           positionOf(holder) === 'static' && styleOf(holder).transform === 'none'; holder = upOf(holder));
     } else if (position !== 'fixed') {
       holder = upOf(element);
     }
@@ -396,28 +412,32 @@
     sight.clips.set(element, clip);
     return clip;
   };
-  // The colour painted behind an element's content, [r, g, b] after blending the backgrounds
-  // under it down to the first opaque one (the page's white at the bottom); null where an
-  // image is part of it, which can't be judged.
+  // The colour painted behind an element's content, [r, g, b] after blending the background
+  // colours under it down to the first opaque one (the page's white at the bottom). Pictures
+  // among them are looked for only where the colours say a text can't be seen (overOther).
   const paintOf = (element) => {
     let paint = sight.paints.get(element);
     if (paint !== undefined) return paint;
-    const style = styleOf(element);
-    const colour = rgba(style.backgroundColor) || [0, 0, 0, 0];
-    if (style.backgroundImage !== 'none') {
-      paint = null;
-    } else if (colour[3] >= 1) {
+    const colour = rgba(styleOf(element).backgroundColor) || [0, 0, 0, 0];
+    if (colour[3] >= 1) {
       paint = colour.slice(0, 3);
     } else {
       const up = upOf(element);
       const under = up ? paintOf(up) : [255, 255, 255];
-      paint = under && [0, 1, 2].map((i) => colour[i] * colour[3] + under[i] * (1 - colour[3]));
+      paint = [0, 1, 2].map((i) => colour[i] * colour[3] + under[i] * (1 - colour[3]));
     }
     sight.paints.set(element, paint);
     return paint;
   };
   // The colour a text is painted in: -webkit-text-fill-color, which is its colour unless set.
-  const fillOf = (style) => style.webkitTextFillColor || style.color;
+  const fillsOf = (element) => {
+    let fill = sight.fills.get(element);
+    if (fill === undefined) {
+      const style = styleOf(element);
+      sight.fills.set(element, fill = rgba(style.webkitTextFillColor || style.color));
+    }
+    return fill;
+  };
   // Whether a background shows through the text's letters (background-clip: text), as in
   // headings painted with a gradient: then its colour says nothing.
   const clippedText = (element) => {
@@ -427,10 +447,16 @@
     }
     return false;
   };
-  // Whether what is painted behind a text may be something other than the backgrounds of what
-  // holds it (a picture the text is laid over): on the screen, anything under it at its centre
-  // that doesn't hold it; elsewhere, a positioned element on the way to the background.
+  // Whether what is painted behind a text may be something other than the background colours
+  // of what holds it: a background picture of theirs, or a picture the text is laid over (on
+  // the screen, anything under it at its centre that doesn't hold it; elsewhere, a positioned
+  // element on the way to the background).
   const overOther = (element, box) => {
+    for (let up = element; up; up = upOf(up)) {
+      const style = styleOf(up);
+      if (style.backgroundImage !== 'none') return true;
+      if ((rgba(style.backgroundColor) || [0, 0, 0, 0])[3] >= 1) break;
+    }
     const view = element.ownerDocument.defaultView;
     const x = (box.left + box.right) / 2, y = (box.top + box.bottom) / 2;
     if (x >= 0 && y >= 0 && x < view.innerWidth && y < view.innerHeight) {
@@ -485,11 +511,13 @@
     }
     return true;
   };
-  // The box of a text: its element's, or, where that says nothing of where the text is (an
-  // element of no area, or one whose text is moved by text-indent), its own lines'.
+  // The box of a text: its element's (or the block's it flows in), or, where that says nothing
+  // of where the text is (a box of no area, or text moved by text-indent), its own lines'.
   const textBox = (node, element) => {
-    const box = boxOf(element);
-    if (box.width > 0 && box.height > 0 && styleOf(element).textIndent === '0px') return box;
+    const box = boxOf(holderOf(element));
+    let indent = sight.indents.get(element);
+    if (indent === undefined) sight.indents.set(element, indent = styleOf(element).textIndent !== '0px');
+    if (box.width > 0 && box.height > 0 && !indent) return box;
     const range = element.ownerDocument.createRange();
     range.selectNodeContents(node);
     let left = Infinity, top = Infinity, right = -Infinity, bottom = -Infinity;
@@ -522,10 +550,10 @@
     const style = styleOf(element);
     why = '';
     // An element whose content-visibility is hidden draws its box, not what it holds.
-    if (!element.checkVisibility({ visibilityProperty: true }) || (text && style.contentVisibility === 'hidden'))
-      why = 'unrendered';
-    else if (!element.checkVisibility({ opacityProperty: true })) why = 'transparent';
-    else if (text && (rgba(fillOf(style)) || [0, 0, 0, 1])[3] === 0 && !clippedText(element)) why = 'transparent';
+    if (!element.checkVisibility({ visibilityProperty: true, opacityProperty: true }))
+      why = element.checkVisibility({ visibilityProperty: true }) ? 'transparent' : 'unrendered';
+    else if (text && style.contentVisibility === 'hidden') why = 'unrendered';
+    else if (text && (fillsOf(element) || [0, 0, 0, 1])[3] === 0 && !clippedText(element)) why = 'transparent';
     else if (text && parseFloat(style.fontSize) < 4) why = 'small';
     else if (clippedAway(element)) why = 'clipped';
     sight.own.set(key, why);
@@ -535,17 +563,17 @@
     const text = node.nodeType === Node.TEXT_NODE;
     let element = text ? node.parentElement || (node.parentNode && node.parentNode.host) : node;
     if (!element) return '';
-    let style = styleOf(element);
-    // display: contents has no box of its own: its text is judged by what holds it.
-    while (style.display === 'contents' && upOf(element)) {
-      element = upOf(element);
-      style = styleOf(element);
-    }
     // The body of a closed details isn't drawn, its loose texts no more than its elements.
     if (text && element.localName === 'details' && !element.open) return 'unrendered';
-    const own = ownWhy(element, text);
+    let own = ownWhy(element, text);
+    // display: contents has no box of its own: its text is judged by what holds it.
+    while (own === 'unrendered' && styleOf(element).display === 'contents' && upOf(element)) {
+      element = upOf(element);
+      own = ownWhy(element, text);
+    }
     if (own) return own;
-    const colour = rgba(fillOf(style));
+    const style = styleOf(element);
+    const colour = fillsOf(element);
     const box = text ? textBox(node, element) : boxOf(element);
     // Scaled to nothing, or a box of no area that clips what it holds.
     if (box.width <= 0 || box.height <= 0) return 'small';
@@ -618,11 +646,11 @@
     if (element.isContentEditable) return true;
     // What the page lets be dragged is there to drag.
     if (element.getAttribute('draggable') === 'true') return true;
-    const style = getComputedStyle(element);
+    const style = sight ? styleOf(element) : getComputedStyle(element);
     if (style.cursor === 'pointer') {
       // Only where the pointer starts: not every child of a link or a button.
       const parent = element.parentElement;
-      return !parent || getComputedStyle(parent).cursor !== 'pointer';
+      return !parent || (sight ? styleOf(parent) : getComputedStyle(parent)).cursor !== 'pointer';
     }
     return false;
   };
