@@ -498,14 +498,17 @@
       // What is on top shows the text through unless something of it, up to what holds both,
       // is opaque: a background colour, a picture that loaded (not a spacer of one pixel, which
       // pages stretch over things and is clear), a video.
+      // A bar fixed to the window (a header that stays on top) hides a text only until the
+      // page is scrolled under it, however small the window: only one that fills its height
+      // covers for good.
       let opaque = false;
       for (let over = hit; over && !within(over, element); over = upOf(over)) {
+        const position = positionOf(over);
+        if ((position === 'fixed' || position === 'sticky') && boxOf(over).height < view.innerHeight) return false;
         const colour = rgba(styleOf(over).backgroundColor);
-        if ((colour && colour[3] >= 1) || over.localName === 'video' ||
-            (over.localName === 'img' && over.complete && over.naturalWidth > 1 && over.naturalHeight > 1)) {
+        if (!opaque && ((colour && colour[3] >= 1) || over.localName === 'video' ||
+            (over.localName === 'img' && over.complete && over.naturalWidth > 1 && over.naturalHeight > 1)))
           opaque = true;
-          break;
-        }
       }
       if (!opaque) return false;
     }
