@@ -151,11 +151,13 @@ void Browser::recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::s
   tab->nextRef += used;
 }
 
-std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode) {
+std::string Browser::snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode, int* hidden) {
   Json taken = snapshotOf(tab, tab->session, tab->targetId, {}, mode);
   std::string text = taken.value("text", "");
+  int left = taken.value("hidden", 0);
   if (int frames = taken.value("frames", 0); frames > 0)
-    text = withFrames(tab, tab->session, tab->targetId, text, frames, mode, 1);
+    text = withFrames(tab, tab->session, tab->targetId, text, frames, mode, 1, left);
+  if (hidden) *hidden = left;
   return text.empty() ? "the page is empty" : text;
 }
 
@@ -393,7 +395,7 @@ Cdp::Command Browser::frameAutoAttach() {
 
 std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
                                 const std::string& frame, const std::string& text, int count,
-                                const std::string& mode, int depth) {
+                                const std::string& mode, int depth, int& hidden) {
   std::vector<std::string> inner(size_t(std::min(count, 200)));
   int context = frameWorld(session, frame);
   for (size_t i = 0; i < inner.size(); ++i) {
@@ -428,8 +430,9 @@ std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::stri
       }
       Json taken = snapshotOf(tab, childSession, child, loader, mode, 5s);
       std::string said = taken.value("text", "");
+      hidden += taken.value("hidden", 0);
       if (int frames = taken.value("frames", 0); frames > 0 && depth < 8)
-        said = withFrames(tab, childSession, child, said, frames, mode, depth + 1);
+        said = withFrames(tab, childSession, child, said, frames, mode, depth + 1, hidden);
       inner[i] = said;
     } catch (const CdpError&) {
       // The frame went, or has no document yet: it shows nothing.
@@ -519,7 +522,8 @@ Json Browser::snapshot(const Json& params) {
   std::string mode = flagParam(params, "interactive") ? "interactive"
                      : flagParam(params, "viewport")  ? "viewport"
                                                       : "full";
-  std::string text = snapshotText(tab, mode);
+  int hidden = 0;
+  std::string text = snapshotText(tab, mode, &hidden);
   std::optional<std::string> last;
   {
     std::lock_guard<std::mutex> guard(tab->lock);
@@ -528,7 +532,8 @@ Json Browser::snapshot(const Json& params) {
     tab->lastSnapshot[mode] = text;
   }
   double limit = numberParam(params, "limit", double(snapshotLimit));
-  return snapshotAnswer(text, last ? &*last : nullptr, limit);
+  // What the page drew where no one sees it is said after all the rest, diff or not.
+  return snapshotAnswer(text, last ? &*last : nullptr, limit) + leftOut(hidden);
 }
 
 int Browser::refNumber(const std::shared_ptr<Tab>& tab, const std::string& ref) {
@@ -1051,6 +1056,7 @@ Json Browser::find(const Json& params) {
                                 std::to_string(base) + ")",
                        Library::page);
   recordRefs(tab, found.value("used", 0));
+  int hidden = found.value("hidden", 0);
   // And in the frames of other origins that snapshots read, each with refs of its own document.
   std::string text = found.value("found", 0) > 0 ? found.value("text", "") : "";
   auto frames = framesRead(*tab);
@@ -1068,13 +1074,14 @@ Json Browser::find(const Json& params) {
                           "__nurel.find(" + quote(stringParam(params, "text")) + ", " + std::to_string(base) + ")",
                           2s);
       recordRefs(tab, said.value("used", 0), frame, loader);
+      hidden += said.value("hidden", 0);
       if (said.value("found", 0) > 0) text += (text.empty() ? "" : "\n") + said.value("text", "");
     } catch (const CdpError&) {
     } catch (const NoAnswer&) {
     } catch (const Failure&) {
     }
   }
-  return text.empty() ? found.value("text", "") : text;
+  return (text.empty() ? found.value("text", "") : text) + leftOut(hidden);
 }
 
 Json Browser::inspect(const Json& params) {

@@ -199,10 +199,11 @@ class Browser {
   // The command that does it (attach() sends it with the tab's others).
   static Cdp::Command frameAutoAttach();
   // `text`, a snapshot of `frame`, with those of the `count` frames it couldn't read put where
-  // they stand; their refs recorded as their documents'.
+  // they stand; their refs recorded as their documents'. Adds the texts they left out, which a
+  // person can't see, to `hidden`.
   std::string withFrames(const std::shared_ptr<Tab>& tab, const std::string& session,
                          const std::string& frame, const std::string& text, int count,
-                         const std::string& mode, int depth);
+                         const std::string& mode, int depth, int& hidden);
   // A point of `frame`'s viewport as one of the top page's, scrolling frames to it; `label`
   // names what is acted on, for when something lies over it (empty: whatever lies over it).
   std::pair<double, double> toTop(const std::shared_ptr<Tab>& tab, const std::string& frame,
@@ -239,7 +240,8 @@ class Browser {
   // The tab's line after it moved within its document, once what the page draws for the new
   // address rests (when `before` was taken ahead of the move).
   std::string sameDocument(const std::shared_ptr<Tab>& tab, const std::optional<Before>& before);
-  std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode);
+  // The snapshot's lines; with `hidden`, how many texts a person can't see it left out.
+  std::string snapshotText(const std::shared_ptr<Tab>& tab, const std::string& mode, int* hidden = nullptr);
   void recordRefs(const std::shared_ptr<Tab>& tab, int used, const std::string& frame = {},
                   const std::string& frameLoader = {});
   std::string checkedURL(const std::string& url);
@@ -346,6 +348,9 @@ std::string stepMethod(const std::string& tool);
 /// the same mode) when given, cut at `limit` characters (none when 0 or less) with a last line
 /// that says so. Pure, for the fuzzer.
 std::string snapshotAnswer(const std::string& text, const std::string* last, double limit);
+/// The last line of a reading answer that left out `hidden` texts a person can't see, with
+/// its line break before it: "\n(3 hidden texts left out)"; nothing when there were none.
+std::string leftOut(int hidden);
 
 /// The profile folder (under the data folder) of the back end listening on `socket`, when that
 /// is not the default socket: "profiles/" and the path's last characters that can name a folder,

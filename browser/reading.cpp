@@ -214,26 +214,35 @@ Json Browser::eval(const Json& params) {
   return nullptr;  // undefined
 }
 
+std::string leftOut(int hidden) {
+  if (hidden <= 0) return "";
+  return "\n(" + std::to_string(hidden) + (hidden == 1 ? " hidden text" : " hidden texts") +
+         " left out)";
+}
+
 Json Browser::text(const Json& params) {
   auto tab = tabFor(params);
   bool all = flagParam(params, "all");
   double limit = numberParam(params, "limit", double(textLimit));
+  // page.js judges what a person sees; the article also needs Readability beside it.
+  if (!all) inWorld(tab, "0", Library::page);
   Json value = inWorld(tab, "(" + std::string(scripts::text) + ")(" + (all ? "true" : "false") + ")",
-                       all ? Library::none : Library::readability);
-  std::string text = value.is_string() ? value.get<std::string>() : std::string();
-  if (text.empty()) return "the page has no text";
-  if (limit <= 0) return text;  // 0: the whole text (as when it goes to a file)
+                       all ? Library::page : Library::readability);
+  std::string text = value.is_object() ? value.value("text", "") : std::string();
+  std::string hidden = value.is_object() ? leftOut(value.value("hidden", 0)) : std::string();
+  if (text.empty()) return "the page has no text" + hidden;
+  if (limit <= 0) return text + hidden;  // 0: the whole text (as when it goes to a file)
   bool cut = false;
   size_t total = 0;
   std::string shown = firstCharacters(text, size_t(std::min(limit, 1e12)), cut, total);
-  if (!cut) return text;
+  if (!cut) return text + hidden;
   return shown + "\n\n[cut at " + std::to_string(size_t(limit)) + " of " +
-         std::to_string(total) + " characters: save it to a file for the whole text]";
+         std::to_string(total) + " characters: save it to a file for the whole text]" + hidden;
 }
 
 Json Browser::describe(const Json& params) {
   auto tab = tabFor(params);
-  Json value = inWorld(tab, std::string(scripts::describe));
+  Json value = inWorld(tab, std::string(scripts::describe), Library::page);
   return value.is_string() ? value : Json("the page has nothing to describe");
 }
 

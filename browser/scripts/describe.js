@@ -1,4 +1,5 @@
 // The page in brief, for an agent that wants to know where it is before it reads or acts.
+// Its headings and alerts say only what a person sees of them (page.js judges the texts).
 (() => {
   const visible = (element) => {
     if (element.checkVisibility) return element.checkVisibility({ visibilityProperty: true });
@@ -50,13 +51,19 @@
     if (regions.length === 30) break;
   }
   if (regions.length) lines.push('regions: ' + regions.join(', '));
-  const headings = all('h1, h2, h3, h4, h5, h6, [role=heading]');
+  const found = all('h1, h2, h3, h4, h5, h6, [role=heading]');
+  const alerting = all('[role=alert], [role=alertdialog], [aria-live=assertive], dialog[open], ' +
+    '[role=dialog][aria-modal=true]');
+  const seen = __nurel.seenTexts([...found, ...alerting]);
+  // A heading a person can't see at all isn't one of theirs.
+  const headings = found.filter((heading, i) => seen.texts[i] || !heading.textContent.trim());
+  const said = new Map([...found, ...alerting].map((element, i) => [element, seen.texts[i]]));
   if (headings.length) {
     lines.push('headings:');
     for (const heading of headings.slice(0, 40)) {
       const level = /^H([1-6])$/.exec(heading.tagName);
       const depth = level ? Number(level[1]) : Number(heading.getAttribute('aria-level')) || 2;
-      lines.push('  '.repeat(depth) + 'h' + depth + ' ' + clip(heading.textContent, 100));
+      lines.push('  '.repeat(depth) + 'h' + depth + ' ' + clip(said.get(heading), 100));
     }
     if (headings.length > 40) lines.push(`  … and ${headings.length - 40} more`);
   }
@@ -67,9 +74,7 @@
     const name = nameOf(focused) || clip(focused.textContent, 60);
     lines.push('focus: ' + role + (name ? ' ' + JSON.stringify(name) : ''));
   }
-  const alerts = all('[role=alert], [role=alertdialog], [aria-live=assertive], dialog[open], ' +
-    '[role=dialog][aria-modal=true]').map((element) => clip(element.textContent, 200))
-    .filter(Boolean);
+  const alerts = alerting.map((element) => clip(said.get(element), 200)).filter(Boolean);
   if (alerts.length) lines.push('alerts: ' + alerts.slice(0, 5).map((a) => JSON.stringify(a)).join(', '));
   const scroller = document.scrollingElement || document.documentElement;
   if (scroller) {
@@ -77,5 +82,6 @@
     lines.push(`scrolled ${Math.round(scrollY)} of ${Math.max(0, height - innerHeight)} px ` +
       `(the screen shows ${innerHeight} px of ${height})`);
   }
+  if (seen.hidden) lines.push(`(${seen.hidden} hidden text${seen.hidden === 1 ? '' : 's'} left out)`);
   return lines.join('\n');
 })()

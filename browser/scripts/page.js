@@ -186,21 +186,34 @@
     return '';
   };
 
-  const textOf = (node, skip) => {
+  const textOf = (node, skip, naming) => {
     // What a person sees of an element's text: visible descendants only; of a dropdown, what
-    // it shows (the chosen option); nothing of `skip` (the field a label names).
+    // it shows (the chosen option); nothing of `skip` (the field a label names). `naming`: as
+    // the name of a control, with the texts drawn but hidden in it (an icon button's visually
+    // hidden words).
     let out = '';
     for (const child of node.childNodes) {
-      if (child.nodeType === Node.TEXT_NODE) out += child.data;
-      else if (child.nodeType === Node.ELEMENT_NODE && child !== skip && shown(child)) {
+      if (child.nodeType === Node.TEXT_NODE) {
+        if (naming || !child.data.trim() || seen(child)) out += child.data;
+      } else if (child.nodeType === Node.ELEMENT_NODE && child !== skip && shown(child)) {
         const tag = child.localName;
         if (tag === 'img') out += ' ' + (child.getAttribute('alt') || '') + ' ';
         else if (tag === 'select') out += ' ' + Array.from(child.selectedOptions || []).map((o) => o.textContent).join(' ') + ' ';
-        else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child, skip) + ' ';
+        else if (tag !== 'script' && tag !== 'style' && tag !== 'template') out += ' ' + textOf(child, skip, naming) + ' ';
       }
     }
-    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node), skip);
+    if (shadowOf(node)) out += ' ' + textOf(shadowOf(node), skip, naming);
     return out;
+  };
+  // A control's name from what it holds, hidden words included as accessibility tools take
+  // them; cut at 100 characters where some were hidden (which only a longer one needs asking).
+  const nameFrom = (node, skip) => {
+    const text = squash(textOf(node, skip, true));
+    if (text.length <= 100) return text;
+    const walker = document.createTreeWalker(node, NodeFilter.SHOW_TEXT);
+    for (let inner = walker.nextNode(); inner; inner = walker.nextNode())
+      if (inner.data.trim() && whyHidden(inner)) return clip(text, 100);
+    return text;
   };
   const byIds = (ids) => ids.split(/\s+/).map((id) => document.getElementById(id)).filter(Boolean)
     .map((found) => squash(found.textContent)).join(' ');
@@ -253,7 +266,7 @@
       if (['button', 'submit', 'reset'].includes(type))
         return squash(element.value) || (type === 'submit' ? 'Submit' : type === 'reset' ? 'Reset' : '');
       if (type === 'image') return squash(element.getAttribute('alt')) || 'Submit';
-      const labels = element.labels ? Array.from(element.labels).map((l) => squash(textOf(l, element))).join(' ') : '';
+      const labels = element.labels ? Array.from(element.labels).map((l) => nameFrom(l, element)).join(' ') : '';
       if (labels) return labels;
       return squash(element.getAttribute('placeholder') || element.getAttribute('title'));
     }
@@ -268,10 +281,352 @@
     }
     if (tag === 'iframe' || tag === 'frame') return squash(element.getAttribute('title') || element.getAttribute('name'));
     if (namedByContent.has(role) || clickable(element)) {
-      const text = squash(textOf(element));
+      const text = widgets.has(role) || clickable(element) ? nameFrom(element) : squash(textOf(element));
       if (text) return text;
     }
     return squash(element.getAttribute('title'));
+  };
+
+  // Whether a person can see a text. A snapshot, find, describe and text each judge the texts
+  // they read with one `sight`, which keeps what it learns of elements for the walk: their
+  // styles, boxes, the clipping around them and the colour painted behind them. Cheap checks
+  // first (styles and boxes); the contrast and what lies on top only for what passed them, and
+  // what lies on top only on the screen, where hit-testing works.
+  let sight = null;
+  const newSight = () => ({ styles: new Map(), boxes: new Map(), clips: new Map(), gone: new Map(),
+    paints: new Map(), judged: new Map(), own: new Map(), indents: new Map(), positions: new Map(),
+    holders: new Map(), fills: new Map(), left: new Set() });
+  // An element judged for its own alt rather than for its texts is kept apart.
+  const alone = new WeakMap();
+  const aloneKey = (element) => {
+    let key = alone.get(element);
+    if (!key) alone.set(element, key = {});
+    return key;
+  };
+  const styleOf = (element) => {
+    let style = sight.styles.get(element);
+    if (!style) sight.styles.set(element, style = element.ownerDocument.defaultView.getComputedStyle(element));
+    return style;
+  };
+  const positionOf = (element) => {
+    let position = sight.positions.get(element);
+    if (!position) sight.positions.set(element, position = styleOf(element).position);
+    return position;
+  };
+  // Where a text's box is measured: its element, or for an inline one (which flows in its
+  // block's lines, and which neither transforms nor sizes move) the block it flows in. Boxes
+  // cost: a paragraph of twenty links is measured once.
+  const holderOf = (element) => {
+    let holder = sight.holders.get(element);
+    if (holder) return holder;
+    const up = upOf(element);
+    holder = up && styleOf(element).display === 'inline' && positionOf(element) === 'static' &&
+      element.localName !== 'br' ? holderOf(up) : element;
+    sight.holders.set(element, holder);
+    return holder;
+  };
+  const boxOf = (element) => {
+    let box = sight.boxes.get(element);
+    if (!box) sight.boxes.set(element, box = element.getBoundingClientRect());
+    return box;
+  };
+  // The element around another on the screen: across shadow roots and into slots.
+  const upOf = (element) => element.assignedSlot || element.parentElement ||
+    (element.parentNode && element.parentNode.host) || null;
+  // rgba() of a computed colour: [r, g, b, a], or null for what isn't one (a colour-mix, say).
+  const rgba = (colour) => {
+    const found = /^rgba?\(([\d.]+),\s*([\d.]+),\s*([\d.]+)(?:,\s*([\d.]+))?\)$/.exec(colour);
+    return found ? [Number(found[1]), Number(found[2]), Number(found[3]), found[4] === undefined ? 1 : Number(found[4])] : null;
+  };
+  // Whether an element and all within it are clipped to nothing: clip: rect() of no area, a
+  // clip-path that leaves nothing (inset(100%), circle(0)).
+  const clippedAway = (element) => {
+    let gone = sight.gone.get(element);
+    if (gone !== undefined) return gone;
+    const style = styleOf(element);
+    gone = false;
+    const path = style.clipPath;
+    if (path && path !== 'none') {
+      const inset = /^inset\(([^)]*)\)/.exec(path);
+      if (inset) {
+        const sides = inset[1].split(/\s+round\s+/)[0].trim().split(/\s+/).map((side) => (side.endsWith('%') ? parseFloat(side) : NaN));
+        const [top, right = top, bottom = top, left = right] = sides;
+        gone = top + bottom >= 100 || left + right >= 100;
+      } else {
+        gone = /^(circle|ellipse)\(0px[\s)]/.test(path);
+      }
+    }
+    // clip works on absolutely positioned boxes only.
+    const position = positionOf(element);
+    if (!gone && (position === 'absolute' || position === 'fixed') && style.clip !== 'auto') {
+      const sides = (style.clip.match(/-?[\d.]+px/g) || []).map(parseFloat);
+      gone = sides.length === 4 && (sides[2] <= sides[0] || sides[1] <= sides[3]);
+    }
+    if (!gone) {
+      const up = upOf(element);
+      gone = !!up && clippedAway(up);
+    }
+    sight.gone.set(element, gone);
+    return gone;
+  };
+  // What the boxes around an element let show of what it holds: { left, top, right, bottom }
+  // in the viewport (edges with no clip are infinite), from the boxes with overflow hidden or
+  // clip on its way up through its containing blocks. Inside a box that scrolls, what lies
+  // outside it is there to scroll to: `scrolls`, and no clip from further up. The page's own
+  // html and body clip nothing: their overflow is the window's.
+  const open = { left: -Infinity, top: -Infinity, right: Infinity, bottom: Infinity, scrolls: false };
+  const clipOf = (element) => {
+    let clip = sight.clips.get(element);
+    if (clip) return clip;
+    const style = styleOf(element);
+    const position = positionOf(element);
+    let holder = null;
+    if (position === 'absolute') {
+      for (holder = upOf(element); holder && holder !== holder.ownerDocument.documentElement &&
+           positionOf(holder) === 'static' && styleOf(holder).transform === 'none'; holder = upOf(holder));
+    } else if (position !== 'fixed') {
+      holder = upOf(element);
+    }
+    clip = holder ? clipOf(holder) : open;
+    const document = element.ownerDocument;
+    if (element !== document.documentElement && element !== document.body) {
+      const overflow = style.overflow.split(' ');
+      const x = overflow[0], y = overflow[1] || overflow[0];
+      if (x !== 'visible' || y !== 'visible') {
+        if (x === 'auto' || x === 'scroll' || y === 'auto' || y === 'scroll') {
+          clip = { ...open, scrolls: true };
+        } else {
+          clip = { ...clip };
+        }
+        const box = boxOf(element);
+        if (x === 'hidden' || x === 'clip') {
+          clip.left = Math.max(clip.left, box.left);
+          clip.right = Math.min(clip.right, box.right);
+        }
+        if (y === 'hidden' || y === 'clip') {
+          clip.top = Math.max(clip.top, box.top);
+          clip.bottom = Math.min(clip.bottom, box.bottom);
+        }
+      }
+    }
+    sight.clips.set(element, clip);
+    return clip;
+  };
+  // The colour painted behind an element's content, [r, g, b] after blending the background
+  // colours under it down to the first opaque one (the page's white at the bottom). Pictures
+  // among them are looked for only where the colours say a text can't be seen (overOther).
+  const paintOf = (element) => {
+    let paint = sight.paints.get(element);
+    if (paint !== undefined) return paint;
+    const colour = rgba(styleOf(element).backgroundColor) || [0, 0, 0, 0];
+    if (colour[3] >= 1) {
+      paint = colour.slice(0, 3);
+    } else {
+      const up = upOf(element);
+      const under = up ? paintOf(up) : [255, 255, 255];
+      paint = [0, 1, 2].map((i) => colour[i] * colour[3] + under[i] * (1 - colour[3]));
+    }
+    sight.paints.set(element, paint);
+    return paint;
+  };
+  // The colour a text is painted in: -webkit-text-fill-color, which is its colour unless set.
+  const fillsOf = (element) => {
+    let fill = sight.fills.get(element);
+    if (fill === undefined) {
+      const style = styleOf(element);
+      sight.fills.set(element, fill = rgba(style.webkitTextFillColor || style.color));
+    }
+    return fill;
+  };
+  // Whether a background shows through the text's letters (background-clip: text), as in
+  // headings painted with a gradient: then its colour says nothing.
+  const clippedText = (element) => {
+    for (let up = element; up; up = upOf(up)) {
+      const style = styleOf(up);
+      if (style.backgroundClip === 'text' || style.webkitBackgroundClip === 'text') return true;
+    }
+    return false;
+  };
+  // Whether what is painted behind a text may be something other than the background colours
+  // of what holds it: a background picture of theirs, or a picture the text is laid over (on
+  // the screen, anything under it at its centre that doesn't hold it; elsewhere, a positioned
+  // element on the way to the background).
+  const overOther = (element, box) => {
+    for (let up = element; up; up = upOf(up)) {
+      const style = styleOf(up);
+      if (style.backgroundImage !== 'none') return true;
+      if ((rgba(style.backgroundColor) || [0, 0, 0, 0])[3] >= 1) break;
+    }
+    const view = element.ownerDocument.defaultView;
+    const x = (box.left + box.right) / 2, y = (box.top + box.bottom) / 2;
+    if (x >= 0 && y >= 0 && x < view.innerWidth && y < view.innerHeight) {
+      // From the text's element, or what holds it where the point falls beside its words.
+      const stack = element.ownerDocument.elementsFromPoint(x, y);
+      const at = stack.findIndex((under) => within(under, element));
+      return at < 0 || stack.slice(at + 1).some((under) => !within(under, element));
+    }
+    for (let up = element; up; up = upOf(up)) {
+      const style = styleOf(up);
+      if ((rgba(style.backgroundColor) || [0, 0, 0, 0])[3] >= 1) return false;
+      if (style.position !== 'static') return true;
+    }
+    return false;
+  };
+  const luminance = (colour) => {
+    const [r, g, b] = colour.map((v) => {
+      const c = v / 255;
+      return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4;
+    });
+    return 0.2126 * r + 0.7152 * g + 0.0722 * b;
+  };
+  // Whether something opaque lies over the box at all of its centre and corners. Only on the
+  // screen: elementFromPoint sees nothing else.
+  const coveredAt = (element, box) => {
+    const view = element.ownerDocument.defaultView;
+    if (box.left < 0 || box.top < 0 || box.right > view.innerWidth || box.bottom > view.innerHeight ||
+        box.width < 2 || box.height < 2) return false;
+    const points = [[(box.left + box.right) / 2, (box.top + box.bottom) / 2], [box.left + 1, box.top + 1],
+      [box.right - 1, box.top + 1], [box.left + 1, box.bottom - 1], [box.right - 1, box.bottom - 1]];
+    for (const [x, y] of points) {
+      let hit = element.ownerDocument.elementFromPoint(x, y);
+      while (hit && shadowOf(hit)) {
+        const inner = shadowOf(hit).elementFromPoint(x, y);
+        if (!inner || inner === hit) break;
+        hit = inner;
+      }
+      if (!hit || within(element, hit) || within(hit, element)) return false;
+      // What is on top shows the text through unless something of it, up to what holds both,
+      // is opaque: a background colour, a picture that loaded (not a spacer of one pixel, which
+      // pages stretch over things and is clear), a video.
+      // A bar fixed to the window (a header that stays on top) hides a text only until the
+      // page is scrolled under it, however small the window: only one that fills its height
+      // covers for good.
+      let opaque = false;
+      for (let over = hit; over && !within(over, element); over = upOf(over)) {
+        const position = positionOf(over);
+        if ((position === 'fixed' || position === 'sticky') && boxOf(over).height < view.innerHeight) return false;
+        const colour = rgba(styleOf(over).backgroundColor);
+        if (!opaque && ((colour && colour[3] >= 1) || over.localName === 'video' ||
+            (over.localName === 'img' && over.complete && over.naturalWidth > 1 && over.naturalHeight > 1)))
+          opaque = true;
+      }
+      if (!opaque) return false;
+    }
+    return true;
+  };
+  // The box of a text: its element's (or the block's it flows in), or, where that says nothing
+  // of where the text is (a box of no area, or text moved by text-indent), its own lines'.
+  const textBox = (node, element) => {
+    const box = boxOf(holderOf(element));
+    let indent = sight.indents.get(element);
+    if (indent === undefined) sight.indents.set(element, indent = styleOf(element).textIndent !== '0px');
+    if (box.width > 0 && box.height > 0 && !indent) return box;
+    const range = element.ownerDocument.createRange();
+    range.selectNodeContents(node);
+    let left = Infinity, top = Infinity, right = -Infinity, bottom = -Infinity;
+    for (const line of range.getClientRects()) {
+      if (line.width <= 0 && line.height <= 0) continue;
+      left = Math.min(left, line.left);
+      top = Math.min(top, line.top);
+      right = Math.max(right, line.right);
+      bottom = Math.max(bottom, line.bottom);
+    }
+    if (left === Infinity) return { left: 0, top: 0, right: 0, bottom: 0, width: 0, height: 0 };
+    return { left, top, right, bottom, width: right - left, height: bottom - top };
+  };
+  // Why a person can't see a text node (or an element's own text, its alt), or '' when they
+  // can: 'unrendered' for what has no box at all (display: none, visibility: hidden, a closed
+  // details, content-visibility: hidden), and otherwise the family that hides it.
+  const whyHidden = (node) => {
+    if (!sight) return withSight(() => whyHidden(node));
+    let why = sight.judged.get(node);
+    if (why !== undefined) return why;
+    why = judge(node);
+    sight.judged.set(node, why);
+    return why;
+  };
+  // What of the judgement an element's texts share: its style alone, and what is around it.
+  const ownWhy = (element, text) => {
+    const key = text ? element : aloneKey(element);
+    let why = sight.own.get(key);
+    if (why !== undefined) return why;
+    const style = styleOf(element);
+    why = '';
+    // An element whose content-visibility is hidden draws its box, not what it holds.
+    if (!element.checkVisibility({ visibilityProperty: true, opacityProperty: true }))
+      why = element.checkVisibility({ visibilityProperty: true }) ? 'transparent' : 'unrendered';
+    else if (text && style.contentVisibility === 'hidden') why = 'unrendered';
+    else if (text && (fillsOf(element) || [0, 0, 0, 1])[3] === 0 && !clippedText(element)) why = 'transparent';
+    else if (text && parseFloat(style.fontSize) < 4) why = 'small';
+    else if (clippedAway(element)) why = 'clipped';
+    sight.own.set(key, why);
+    return why;
+  };
+  const judge = (node) => {
+    const text = node.nodeType === Node.TEXT_NODE;
+    let element = text ? node.parentElement || (node.parentNode && node.parentNode.host) : node;
+    if (!element) return '';
+    // The body of a closed details isn't drawn, its loose texts no more than its elements.
+    if (text && element.localName === 'details' && !element.open) return 'unrendered';
+    let own = ownWhy(element, text);
+    // display: contents has no box of its own: its text is judged by what holds it.
+    while (own === 'unrendered' && styleOf(element).display === 'contents' && upOf(element)) {
+      element = upOf(element);
+      own = ownWhy(element, text);
+    }
+    if (own) return own;
+    const style = styleOf(element);
+    const colour = fillsOf(element);
+    const box = text ? textBox(node, element) : boxOf(element);
+    // Scaled to nothing, or a box of no area that clips what it holds.
+    if (box.width <= 0 || box.height <= 0) return 'small';
+    const clip = clipOf(element);
+    if (box.right <= clip.left || box.left >= clip.right || box.bottom <= clip.top || box.top >= clip.bottom)
+      return 'clipped';
+    const view = element.ownerDocument.defaultView;
+    if (!clip.scrolls && (box.right + view.scrollX <= 0 || box.bottom + view.scrollY <= 0)) return 'off the page';
+    if (text && colour) {
+      const behind = paintOf(element);
+      if (behind) {
+        const seen = [0, 1, 2].map((i) => colour[i] * colour[3] + behind[i] * (1 - colour[3]));
+        const [light, dark] = [luminance(seen), luminance(behind)].sort((a, b) => b - a);
+        if ((light + 0.05) / (dark + 0.05) < 1.2 && style.textShadow === 'none' &&
+            parseFloat(style.webkitTextStrokeWidth || '0') === 0 && !clippedText(element) && !overOther(element, box))
+          return 'no contrast';
+      }
+    }
+    if (coveredAt(element, box)) return 'covered';
+    return '';
+  };
+  // What a hidden text names, if anything: the control it is in, or the field its label is
+  // for. Such a text stays as that control's name.
+  const namer = 'a[href], button, summary, label, select, [role=button], [role=link], [role=tab], ' +
+    '[role=menuitem], [role=option], [role=checkbox], [role=radio], [role=switch], [role=treeitem]';
+  const names = (node) => {
+    const element = node.nodeType === Node.TEXT_NODE ? node.parentElement : node;
+    const control = element && element.closest(namer);
+    return !!control && (control.localName !== 'label' || !!control.control);
+  };
+  // Whether a text is one a person sees; one that was drawn but can't be seen, and names
+  // nothing, counts as left out. (What isn't drawn at all, a menu closed with display: none,
+  // is what every page holds, and isn't counted.)
+  const seen = (node) => {
+    if (!sight) return withSight(() => seen(node));
+    const why = whyHidden(node);
+    if (!why) return true;
+    if (why !== 'unrendered' && !names(node)) sight.left.add(node);
+    return false;
+  };
+  const leftOut = () => sight.left.size;
+  // Runs `read` with a sight of its own, unless one is going.
+  const withSight = (read) => {
+    if (sight) return read();
+    sight = newSight();
+    try {
+      return read();
+    } finally {
+      sight = null;
+    }
   };
 
   const shown = (element) => {
@@ -294,11 +649,11 @@
     if (element.isContentEditable) return true;
     // What the page lets be dragged is there to drag.
     if (element.getAttribute('draggable') === 'true') return true;
-    const style = getComputedStyle(element);
+    const style = sight ? styleOf(element) : getComputedStyle(element);
     if (style.cursor === 'pointer') {
       // Only where the pointer starts: not every child of a link or a button.
       const parent = element.parentElement;
-      return !parent || getComputedStyle(parent).cursor !== 'pointer';
+      return !parent || (sight ? styleOf(parent) : getComputedStyle(parent)).cursor !== 'pointer';
     }
     return false;
   };
@@ -418,6 +773,14 @@
   // The iframes of the last snapshot whose documents this world cannot read, by number.
   let frameOwners = [];
   const snapshot = (mode, base) => {
+    sight = newSight();
+    try {
+      return snapshotWith(mode, base);
+    } finally {
+      sight = null;
+    }
+  };
+  const snapshotWith = (mode, base) => {
     refs = { base, used: 0 };
     lastActionable = [];
     frameOwners = [];
@@ -455,7 +818,7 @@
       }
       if (node.nodeType === Node.TEXT_NODE) {
         const text = squash(node.data);
-        if (text && !interactiveOnly && (!viewportOnly || textOnScreen(node))) out.push({ text });
+        if (text && !interactiveOnly && (!viewportOnly || textOnScreen(node)) && seen(node)) out.push({ text });
         return;
       }
       if (node.nodeType !== Node.ELEMENT_NODE && node.nodeType !== Node.DOCUMENT_FRAGMENT_NODE) return;
@@ -525,7 +888,7 @@
       else keep = true;
       const tag = element.localName;
       if (!keep) {
-        if (role === 'img' && name && !interactiveOnly) out.push({ text: '[image] ' + clip(name, 100) });
+        if (role === 'img' && name && !interactiveOnly && seen(element)) out.push({ text: '[image] ' + clip(name, 100) });
         else if ((role === 'paragraph' || role === 'listitem') && !interactiveOnly) {
           if (children.length && children.every((c) => c.text !== undefined)) {
             const texts = children.map((c) => c.text).join(' ');
@@ -686,7 +1049,8 @@
     };
     write(root, 0);
     if (viewportOnly) lines.push(whereTheScreenIs());
-    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length, hosts: hostsToAsk.length };
+    return { text: lines.join('\n'), used: refs.used, frames: frameOwners.length, hosts: hostsToAsk.length,
+      hidden: leftOut() };
   };
 
   // One line for an element, as the snapshot would show it: role "name" [ref=eN].
@@ -835,6 +1199,14 @@
   };
   // What on the page says `text`: the smallest elements that say it, what can be acted on first.
   const find = (text, base) => {
+    sight = newSight();
+    try {
+      return findWith(text, base);
+    } finally {
+      sight = null;
+    }
+  };
+  const findWith = (text, base) => {
     refs = { base, used: 0 };
     terse = false;
     const wanted = squash(text).toLowerCase();
@@ -843,17 +1215,28 @@
     const visit = (root) => {
       for (const candidate of root.querySelectorAll('*')) {
         if (shadowOf(candidate)) visit(shadowOf(candidate));
+        // A frame of this origin is read here, as snapshots read it.
+        if (candidate.localName === 'iframe' || candidate.localName === 'frame') {
+          let inner = null;
+          try {
+            inner = candidate.contentDocument;
+          } catch (e) {
+            // Another origin's: read in its own world.
+          }
+          if (inner && inner.body && shown(candidate)) visit(inner.body);
+        }
         const role = roleOf(candidate);
         // Its text when it is short to read: an element of text alone, or of text and words
         // set apart in it ("<strong>3</strong> items left"), or one to act on.
         const reads = candidate.children.length === 0 || clickable(candidate) || widgets.has(role) ||
           (!shadowOf(candidate) && !['body', 'html'].includes(candidate.localName) &&
            Array.from(candidate.children).every((child) => child.childElementCount === 0 && !shadowOf(child)));
-        const said = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '') +
-          ' ' + (reads ? squash(candidate.textContent) : '');
-        if (!said.toLowerCase().includes(wanted)) continue;
+        const given = (role ? nameOf(candidate, role) : '') + ' ' + (candidate.getAttribute('placeholder') || '');
+        if (!(given + ' ' + (reads ? squash(candidate.textContent) : '')).toLowerCase().includes(wanted)) continue;
         if (['script', 'style', 'noscript', 'template', 'title', 'head'].includes(candidate.localName)) continue;
         if (!shown(candidate)) continue;
+        // Said where a person sees it.
+        if (!(given + ' ' + (reads ? squash(textOf(candidate)) : '')).toLowerCase().includes(wanted)) continue;
         matches.push(candidate);
       }
     };
@@ -878,8 +1261,11 @@
       return '- ' + fullLabel(candidate) + (value ? ': ' + value : '');
     });
     if (shownKept.length > 20) lines.push(`(and ${shownKept.length - 20} more: say more of the text)`);
+    // The texts that say it where no one sees them.
+    let hidden = 0;
+    for (const node of sight.left) if (squash(node.data || '').toLowerCase().includes(wanted)) ++hidden;
     return { text: lines.length ? lines.join('\n') : 'nothing on the page says ' + JSON.stringify(text), used: refs.used,
-      found: shownKept.length };
+      found: shownKept.length, hidden };
   };
   // A line of find's, with the element's states: role "name" [states] [ref=eN].
   const fullLabel = (found) => {
@@ -1075,7 +1461,116 @@
     return { x: box.left + scrollX, y: box.top + scrollY, width: box.width, height: box.height };
   };
 
-  globalThis.__nurel = { snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still, drawn,
+  // All the text a person sees, as lines and paragraphs the way the page lays it out: through
+  // open shadow roots and frames of this origin. With how many texts it left out.
+  const visibleText = () => withSight(() => {
+    const out = [];
+    const skipped = new Set(['script', 'style', 'noscript', 'template', 'head', 'title', 'meta', 'link']);
+    const inside = (node) => {
+      if (shadowOf(node)) return shadowOf(node).childNodes;
+      if (node.localName === 'slot') {
+        const assigned = node.assignedNodes({ flatten: true });
+        if (assigned.length) return assigned;
+      }
+      if (node.localName === 'iframe' || node.localName === 'frame') {
+        try {
+          const inner = node.contentDocument;
+          return inner && inner.body ? [inner.body] : [];
+        } catch (e) {
+          return [];
+        }
+      }
+      return node.childNodes;
+    };
+    const walk = (node) => {
+      for (const child of inside(node)) {
+        if (child.nodeType === Node.TEXT_NODE) {
+          if (!child.data.trim()) {
+            if (child.data) out.push(' ');
+          } else if (seen(child)) {
+            const holder = child.parentElement;
+            const style = holder ? styleOf(holder) : null;
+            let said = style && style.whiteSpace.startsWith('pre') ? child.data : child.data.replace(/\s+/g, ' ');
+            // As the page shows it: in capitals where it says so.
+            const transform = style ? style.textTransform : 'none';
+            if (transform === 'uppercase') said = said.toUpperCase();
+            else if (transform === 'lowercase') said = said.toLowerCase();
+            else if (transform === 'capitalize') said = said.replace(/(^|[\s(\-"'])(\p{Ll})/gu, (all, before, letter) => before + letter.toUpperCase());
+            out.push(said);
+          }
+          continue;
+        }
+        if (child.nodeType !== Node.ELEMENT_NODE) continue;
+        const tag = child.localName;
+        if (skipped.has(tag) || bannerHost(child)) continue;
+        if (tag === 'br') {
+          out.push('\n');
+          continue;
+        }
+        const display = styleOf(child).display;
+        if (display === 'none' || (display !== 'contents' && !child.checkVisibility())) continue;
+        // A dropdown shows the option chosen; a list box, all of them.
+        if (tag === 'select') {
+          const options = child.multiple || child.size > 1 ? Array.from(child.options) : Array.from(child.selectedOptions);
+          out.push(' ' + options.map((option) => squash(option.textContent)).join('\n') + ' ');
+          continue;
+        }
+        // Around a block, a line break it needs (a number: those of blocks side by side make
+        // one, as innerText has it); two around a paragraph; a tab after a table's cell.
+        const around = tag === 'p' ? 2 : display.startsWith('inline') || display === 'contents' ? 0
+          : display === 'table-cell' ? 0 : 1;
+        if (around) out.push(around);
+        walk(child);
+        if (around) out.push(around);
+        else if (display === 'table-cell') out.push('\t');
+      }
+    };
+    const root = document.body || document.documentElement;
+    if (root) walk(root);
+    let joined = '', breaks = 0;
+    for (const piece of out) {
+      if (typeof piece === 'number') {
+        breaks = Math.max(breaks, piece);
+      } else if (!breaks || piece.trim() || piece === '\n') {
+        if (breaks && joined) joined += '\n'.repeat(breaks);
+        breaks = 0;
+        joined += piece;
+      }
+    }
+    const text = joined.split('\n')
+      .map((line) => line.replace(/[ \u00a0]*\t[ \t\u00a0]*/g, '\t').replace(/ {2,}/g, ' ').trim())
+      .join('\n').replace(/\n{3,}/g, '\n\n').trim();
+    return { text, hidden: leftOut() };
+  });
+  // For the article's text, read from a copy of the document: the texts of the body a person
+  // can't see, by their place among its texts, and whether each counts as left out.
+  const hiddenTexts = () => withSight(() => {
+    const hidden = [];
+    if (!document.body) return hidden;
+    const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+    for (let node = walker.nextNode(), at = 0; node; node = walker.nextNode(), ++at) {
+      // Scripts and styles are Readability's to read or leave (it takes a title from JSON-LD).
+      const holder = node.parentElement;
+      if (!node.data.trim() || (holder && (holder.localName === 'script' || holder.localName === 'style')) || seen(node)) continue;
+      hidden.push([at, sight.left.has(node)]);
+    }
+    return hidden;
+  });
+  // What a person sees of each element's text, word for word as its texts say it, and how many
+  // texts in them they don't.
+  const seenTexts = (elements) => withSight(() => {
+    const said = (node) => {
+      let out = '';
+      for (const child of node.childNodes) {
+        if (child.nodeType === Node.TEXT_NODE) out += !child.data.trim() || seen(child) ? child.data : '';
+        else if (child.nodeType === Node.ELEMENT_NODE) out += said(child);
+      }
+      return out;
+    };
+    return { texts: elements.map((found) => squash(said(found))), hidden: leftOut() };
+  });
+
+  globalThis.__nurel = { visibleText, hiddenTexts, seenTexts, snapshot, target, focusForTyping, choose, find, inspect, watch, changes, still, drawn,
     scrolled, label, element, drawLabels, removeLabels, pictureBox, frameOwner, inFrame,
     closedRootHosts, hostsToAsk: () => hostsToAsk, keepClosedRoot, keepDoubleClicks };
 })()

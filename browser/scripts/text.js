@@ -1,5 +1,7 @@
 // The page's text for an agent: the article as the Readability library finds it, with its
 // headings, paragraphs and list items kept apart, else (or with `all`) all the visible text.
+// Only what a person can see: page.js judges the texts. Answers { text, hidden }, hidden being
+// how many texts a person can't see were left out.
 // Runs in the back end's isolated world; the page's own scripts can't see or change it.
 (all) => {
   const skipped = new Set(['SCRIPT', 'STYLE', 'NOSCRIPT', 'TEMPLATE', 'SVG', 'CANVAS', 'IFRAME']);
@@ -33,26 +35,40 @@
     walk(root);
     return out.join('')
       .split('\n').map((line) => line.trim()).join('\n')
+      // Where texts a person can't see stood (marked in the copy Readability read): a line of
+      // nothing else goes, and one space stays where there was one around them.
+      .replace(/^(- |#+ )?[\ufdd0\ufdd1][\ufdd0\ufdd1 ]*$/gm, '')
+      .replace(/ *[\ufdd0\ufdd1][\ufdd0\ufdd1 ]*/g, (run) => (run.includes(' ') ? ' ' : ''))
+      .replace(/^ +| +$/gm, '')
       .replace(/^- *$/gm, '')
       .replace(/\n{3,}/g, '\n\n')
       .trim();
   };
   if (!all && typeof Readability === 'function') {
     try {
-      const article = new Readability(document.cloneNode(true)).parse();
+      // The copy Readability reads has none of the texts a person can't see: a mark stands in
+      // each one's place, which it carries through, so that those of the article are counted
+      // (\ufdd0; \ufdd1 for a control's hidden name, which isn't counted).
+      const hidden = new Map(__nurel.hiddenTexts());
+      const copy = document.cloneNode(true);
+      if (copy.body && hidden.size) {
+        const walker = copy.createTreeWalker(copy.body, NodeFilter.SHOW_TEXT);
+        for (let node = walker.nextNode(), at = 0; node; node = walker.nextNode(), ++at)
+          if (hidden.has(at)) node.data = hidden.get(at) ? '\ufdd0' : '\ufdd1';
+      }
+      const article = new Readability(copy).parse();
       if (article && article.content) {
         const parsed = new DOMParser().parseFromString(article.content, 'text/html');
         const body = asText(parsed.body);
         if (body.length > 0) {
           const title = (article.title || '').trim();
-          return (title ? '# ' + title + '\n\n' : '') + body;
+          return { text: (title ? '# ' + title + '\n\n' : '') + body,
+            hidden: (article.content.match(/\ufdd0/g) || []).length };
         }
       }
     } catch (e) {
       // Not an article: the visible text below.
     }
   }
-  const root = document.body || document.documentElement;
-  if (!root) return '';
-  return (root.innerText || '').replace(/\n{3,}/g, '\n\n').trim();
+  return __nurel.visibleText();
 }
