@@ -282,7 +282,7 @@ bool Browser::askClosedRoots(const std::string& session, const std::string& fram
   std::shared_ptr<Engine> running = engine();
   int context = frameWorld(session, frame);
   Json list = call("Runtime.evaluate",
-                   {{"expression", "__nurel.hostsToAsk()"}, {"contextId", context},
+                   {{"expression", pageCall("hostsToAsk")}, {"contextId", context},
                     {"objectGroup", "nurel-roots"}},
                    session);
   Json items = call("Runtime.getProperties",
@@ -369,7 +369,7 @@ Json Browser::snapshotOf(const std::shared_ptr<Tab>& tab, const std::string& ses
       std::lock_guard<std::mutex> guard(tab->lock);
       base = tab->nextRef;
     }
-    std::string expression = "__nurel.snapshot(" + quote(mode) + ", " + std::to_string(base) + ")";
+    std::string expression = pageCall("snapshot", mode, base);
     Json taken = top ? inWorld(tab, expression, Library::page) : inFrame(session, frame, expression, most);
     recordRefs(tab, taken.value("used", 0), top ? "" : frame, frameLoader);
     // Closed roots found on the way: once more with what is in them (and roots within those).
@@ -401,7 +401,7 @@ std::string Browser::withFrames(const std::shared_ptr<Tab>& tab, const std::stri
   for (size_t i = 0; i < inner.size(); ++i) {
     try {
       Json owner = call("Runtime.evaluate",
-                        {{"expression", "__nurel.frameOwner(" + std::to_string(i) + ")"},
+                        {{"expression", pageCall("frameOwner", i)},
                          {"contextId", context}, {"objectGroup", "nurel-frames"}},
                         session);
       std::string object = owner["result"].value("objectId", "");
@@ -584,7 +584,7 @@ Json Browser::inPlace(const std::shared_ptr<Tab>& tab, const RefPlace& place,
 std::pair<double, double> Browser::targetOf(const std::shared_ptr<Tab>& tab, const std::string& ref,
                                             std::string& label, bool enabled, RefPlace* where) {
   RefPlace place = refPlace(tab, ref);
-  Json target = inPlace(tab, place, "__nurel.target(" + std::to_string(place.number) + ")");
+  Json target = inPlace(tab, place, pageCall("target", place.number));
   if (target.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   label = target.value("label", ref);
   if (target.value("hidden", false)) throw Failure(label + " isn't visible");
@@ -621,8 +621,8 @@ std::pair<double, double> Browser::pointOf(const std::shared_ptr<Tab>& tab, cons
 Browser::Before Browser::watch(const std::shared_ptr<Tab>& tab, const RefPlace* acted) {
   // The element acted on, when it is in the page's own world.
   int number = acted && acted->frame.empty() ? acted->number : 0;
-  inWorld(tab, "__nurel.watch(" + std::to_string(number) + ")", Library::page);
-  inFrames(tab, "__nurel.watch()");
+  inWorld(tab, pageCall("watch", number), Library::page);
+  inFrames(tab, pageCall("watch"));
   Before before;
   std::lock_guard<std::mutex> guard(tab->lock);
   before.started = tab->startedLoading;
@@ -682,7 +682,7 @@ void Browser::settle(const std::shared_ptr<Tab>& tab, const Before& before) {
       if (running) continue;
     }
     try {
-      Json still = inWorld(tab, "__nurel.still()", Library::page);
+      Json still = inWorld(tab, pageCall("still"), Library::page);
       auto number = [&](size_t i) {
         bool given = still.is_array() && i < still.size() && still[i].is_number();
         return given ? still[i].get<int>() : settleMost;
@@ -798,10 +798,10 @@ std::string Browser::outcome(const std::shared_ptr<Tab>& tab, const Before& befo
     std::string line = describeTab(tab, "same page");
     return answer + "; the page went to " + line.substr(line.find(' ') + 1);
   }
-  Json changes = inWorld(tab, "__nurel.changes()", Library::page);
+  Json changes = inWorld(tab, pageCall("changes"), Library::page);
   // Frames of other origins change apart from the page.
   if (!(changes.is_number() && changes.get<int>() > 0))
-    inFrames(tab, "__nurel.changes()", [&](const Json& value) {
+    inFrames(tab, pageCall("changes"), [&](const Json& value) {
       changes = value;
       return !(value.is_number() && value.get<int>() > 0);
     });
@@ -824,7 +824,7 @@ Json Browser::click(const Json& params) {
   // A frame of another origin may take input in a process of its own: the button must not go
   // down there before the frame has seen the pointer come in, or the press is lost. It has
   // once it has drawn again.
-  if (!place.frame.empty()) inPlace(tab, place, "__nurel.drawn()");
+  if (!place.frame.empty()) inPlace(tab, place, pageCall("drawn"));
   for (int click = 1; click <= (twice ? 2 : 1); ++click) {
     mouse(tab, "mousePressed", x, y, button, click, held);
     mouse(tab, "mouseReleased", x, y, button, click, 0);
@@ -871,7 +871,7 @@ Json Browser::drag(const Json& params) {
   };
   mouse(tab, "mouseMoved", x0, y0);
   // As for a click: a frame in a process of its own must have seen the pointer come in.
-  if (!place.frame.empty()) inPlace(tab, place, "__nurel.drawn()");
+  if (!place.frame.empty()) inPlace(tab, place, pageCall("drawn"));
   mouse(tab, "mousePressed", x0, y0, "left", 1, 1);
   // The target is found once the drag has begun: pages move things when it starts.
   auto [endX, endY] = pointOf(tab, params, "to_ref", "to_x", "to_y", to);
@@ -914,8 +914,7 @@ Json Browser::type(const Json& params) {
     mouse(tab, "mousePressed", x, y, "left", 1, 1);
     mouse(tab, "mouseReleased", x, y, "left", 1, 0);
     RefPlace place = refPlace(tab, ref);
-    Json focused = inPlace(tab, place, "__nurel.focusForTyping(" + std::to_string(place.number) +
-                                           ", " + (flagParam(params, "replace") ? "true" : "false") + ")");
+    Json focused = inPlace(tab, place, pageCall("focusForTyping", place.number, flagParam(params, "replace")));
     if (focused.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   } else if (flagParam(params, "replace")) {
     // What has focus, wherever it is (a frame, a shadow root): all of its text selected, as
@@ -955,8 +954,7 @@ Json Browser::choose(const Json& params) {
   targetOf(tab, ref, label);
   Before before = watch(tab);
   RefPlace place = refPlace(tab, ref);
-  Json chosen = inPlace(tab, place, "__nurel.choose(" + std::to_string(place.number) + ", " +
-                                        quote(stringParam(params, "option")) + ")");
+  Json chosen = inPlace(tab, place, pageCall("choose", place.number, stringParam(params, "option")));
   if (chosen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   if (chosen.contains("error")) throw Failure(chosen.value("error", ""));
   return outcome(tab, before, "chose " + quote(chosen.value("chosen", "")) + " in " + label, true);
@@ -1018,7 +1016,7 @@ Json Browser::scroll(const Json& params) {
     x = params.contains("x") ? numberParam(params, "x", 0) : size[0].get<double>() / 2;
     y = params.contains("y") ? numberParam(params, "y", 0) : size[1].get<double>() / 2;
   }
-  Json start = inWorld(tab, "__nurel.scrolled()", Library::page);
+  Json start = inWorld(tab, pageCall("scrolled"), Library::page);
   double screen = inWorld(tab, "innerHeight").get<double>();
   double dy = numberParam(params, "dy", nearest(screen * 0.9));
   double dx = numberParam(params, "dx", 0);
@@ -1029,7 +1027,7 @@ Json Browser::scroll(const Json& params) {
   Json now = start;
   for (int i = 0; i < 20; ++i) {
     std::this_thread::sleep_for(50ms);
-    Json next = inWorld(tab, "__nurel.scrolled()", Library::page);
+    Json next = inWorld(tab, pageCall("scrolled"), Library::page);
     if (next == now && i > 1) break;
     now = next;
   }
@@ -1048,12 +1046,11 @@ Json Browser::find(const Json& params) {
     base = tab->nextRef;
   }
   for (int round = 0; round < 4; ++round) {
-    Json hosts = inWorld(tab, "__nurel.closedRootHosts()", Library::page);
+    Json hosts = inWorld(tab, pageCall("closedRootHosts"), Library::page);
     if (!hosts.is_number() || hosts.get<int>() <= 0 || !askClosedRoots(tab->session, tab->targetId))
       break;
   }
-  Json found = inWorld(tab, "__nurel.find(" + quote(stringParam(params, "text")) + ", " +
-                                std::to_string(base) + ")",
+  Json found = inWorld(tab, pageCall("find", stringParam(params, "text"), base),
                        Library::page);
   recordRefs(tab, found.value("used", 0));
   int hidden = found.value("hidden", 0);
@@ -1071,7 +1068,7 @@ Json Browser::find(const Json& params) {
         base = tab->nextRef;
       }
       Json said = inFrame(session, frame,
-                          "__nurel.find(" + quote(stringParam(params, "text")) + ", " + std::to_string(base) + ")",
+                          pageCall("find", stringParam(params, "text"), base),
                           2s);
       recordRefs(tab, said.value("used", 0), frame, loader);
       hidden += said.value("hidden", 0);
@@ -1088,8 +1085,7 @@ Json Browser::inspect(const Json& params) {
   auto tab = tabFor(params);
   std::string ref = stringParam(params, "ref");
   RefPlace place = refPlace(tab, ref);
-  Json seen = inPlace(tab, place, "__nurel.inspect(" + std::to_string(place.number) + ", " +
-                                      quote(stringParam(params, "styles")) + ")");
+  Json seen = inPlace(tab, place, pageCall("inspect", place.number, stringParam(params, "styles")));
   if (seen.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
   Json element = seen["element"];
   if (!place.frame.empty()) {

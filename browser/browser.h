@@ -366,6 +366,15 @@ bool flagParam(const Json& params, const char* name);
 double numberParam(const Json& params, const char* name, double fallback);
 /// `text` quoted as a JSON string: what an agent reads for a name or a title.
 std::string quote(const std::string& text);
+/// The expression that calls one of page.js's functions with its arguments written as JSON:
+/// pageCall("find", "Price", 12) is __nurel.find("Price", 12).
+template <class... Args>
+std::string pageCall(const std::string& function, const Args&... args) {
+  std::string call = "__nurel." + function + "(";
+  const char* comma = "";
+  ((call += comma + compactRepaired(Json(args)), comma = ", "), ...);
+  return call + ")";
+}
 /// A dialog as Page.javascriptDialogOpening tells of it, in a line: alert "Saved".
 std::string dialogNamed(const Json& dialog);
 /// The first `limit` characters (code points) of UTF-8 `text`; `cut` tells whether any were

@@ -238,7 +238,7 @@ Json Browser::upload(const Json& params) {
   int number = refNumber(tab, ref);
   int context = worldOf(tab, Library::page);
   Json found = call("Runtime.evaluate",
-                    {{"expression", "__nurel.element(" + std::to_string(number) + ")"},
+                    {{"expression", pageCall("element", number)},
                      {"contextId", context}},
                     tab->session);
   std::string object = found["result"].value("objectId", "");

@@ -344,7 +344,7 @@ Json Browser::screenshot(const Json& params) {
   bool labels = !(params.contains("labels") && !flagParam(params, "labels")) && !full && ref.empty();
   if (!ref.empty()) {
     RefPlace place = refPlace(tab, ref);
-    Json box = inPlace(tab, place, "__nurel.pictureBox(" + std::to_string(place.number) + ")");
+    Json box = inPlace(tab, place, pageCall("pictureBox", place.number));
     if (box.value("gone", false)) throw Failure("ref " + ref + " is no longer on the page");
     double width = box.value("width", 0.0), height = box.value("height", 0.0);
     if (width < 1 || height < 1) throw Failure("ref " + ref + " isn't visible");
@@ -367,18 +367,18 @@ Json Browser::screenshot(const Json& params) {
   }
   std::string refs = snapshotText(tab, "viewport");
   // Each frame of another origin draws its own, inside it.
-  inWorld(tab, "__nurel.drawLabels()", Library::page);
-  inFrames(tab, "__nurel.drawLabels()");
+  inWorld(tab, pageCall("drawLabels"), Library::page);
+  inFrames(tab, pageCall("drawLabels"));
   Json taken;
   try {
     taken = call("Page.captureScreenshot", shot, tab->session, std::chrono::seconds(60));
   } catch (...) {
-    inWorld(tab, "__nurel.removeLabels()", Library::page);
-    inFrames(tab, "__nurel.removeLabels()");
+    inWorld(tab, pageCall("removeLabels"), Library::page);
+    inFrames(tab, pageCall("removeLabels"));
     throw;
   }
-  inWorld(tab, "__nurel.removeLabels()", Library::page);
-  inFrames(tab, "__nurel.removeLabels()");
+  inWorld(tab, pageCall("removeLabels"), Library::page);
+  inFrames(tab, pageCall("removeLabels"));
   return {{"png", taken.value("data", "")}, {"refs", refs}};
 }
 
