@@ -772,14 +772,7 @@
   let terse = false;
   // The iframes of the last snapshot whose documents this world cannot read, by number.
   let frameOwners = [];
-  const snapshot = (mode, base) => {
-    sight = newSight();
-    try {
-      return snapshotWith(mode, base);
-    } finally {
-      sight = null;
-    }
-  };
+  const snapshot = (mode, base) => withSight(() => snapshotWith(mode, base));
   const snapshotWith = (mode, base) => {
     refs = { base, used: 0 };
     lastActionable = [];
@@ -1198,14 +1191,7 @@
     return { label: label(found), chosen: squash(option.textContent) };
   };
   // What on the page says `text`: the smallest elements that say it, what can be acted on first.
-  const find = (text, base) => {
-    sight = newSight();
-    try {
-      return findWith(text, base);
-    } finally {
-      sight = null;
-    }
-  };
+  const find = (text, base) => withSight(() => findWith(text, base));
   const findWith = (text, base) => {
     refs = { base, used: 0 };
     terse = false;
