@@ -371,7 +371,7 @@ std::string quote(const std::string& text);
 template <class... Args>
 std::string pageCall(const std::string& function, const Args&... args) {
   std::string call = "__nurel." + function + "(";
-  const char* comma = "";
+  [[maybe_unused]] const char* comma = "";  // unused when there are no arguments
   ((call += comma + compactRepaired(Json(args)), comma = ", "), ...);
   return call + ")";
 }
