@@ -8,6 +8,8 @@
 #   bench/run.sh --snapshots [runs]        only the snapshots of the saved pages (--peers, figure 5)
 #   bench/run.sh --tasks [runs]            whole tasks next to agent-browser and @playwright/cli, and
 #                                          through MCP next to the two MCP servers (tasks.mjs)
+#   bench/run.sh --hidden                  how many of the hidden texts of tests/pages/hidden.html each
+#                                          tool's readings show, and how many kept ones (hidden.mjs)
 #
 # NUREL_BENCH_BUILD names the build folder (default: build-bench at the top of the tree).
 set -eu
@@ -37,6 +39,12 @@ if [ "${1:-}" = --tasks ]; then
   cmake --build "$build" -j 2 --target nurel nurel-browser >/dev/null
   install_peers
   exec node "$bench/tasks.mjs" "$build" "${2:-3}"
+fi
+if [ "${1:-}" = --hidden ]; then
+  # The hidden-text corpus read by nurel and by the peers, one session each.
+  cmake --build "$build" -j 2 --target nurel nurel-browser >/dev/null
+  install_peers
+  exec node "$bench/hidden.mjs" "$build"
 fi
 cmake --build "$build" -j 2 --target nurel nurel_bench nurel_bench_floor nurel_bench_floor_dynamic \
   nurel_bench_run nurel_bench_relay nurel_bench_json >/dev/null

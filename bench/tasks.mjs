@@ -34,7 +34,6 @@
 // Every Chromium is /usr/bin/chromium (or $NUREL_CHROMIUM), resolves no name but 127.0.0.1,
 // and the tools' own update checks are turned off. NUREL_BENCH_KEEP=<folder> keeps what each
 // call returned there, one file per tool, task and run.
-import { spawn } from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
 import os from 'node:os';
@@ -42,6 +41,7 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import { McpClient } from './mcp-client.mjs';
+import { endSession, runCommand, scratchFor, sessionProcesses, sleep } from './sessions.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const build = path.resolve(process.argv[2] ?? path.join(here, '..', 'build-bench'));
@@ -477,40 +477,6 @@ function refBefore(text, label, role, refPattern, what, skip) {
 const shortened = (words) => { const line = words.join(' '); return line.length > 72 ? line.slice(0, 71) + '…' : line; };
 const escaped = (text) => text.replace(/[.*+?^${}()|[\]\\]/g, '\\$&');
 
-// Runs one command to its end or its time limit: what it printed, its status, its wall time
-// (to its exit: a daemon it leaves behind may keep its output open a little longer).
-function runCommand(command, args, env, cwd) {
-  return new Promise((resolve) => {
-    const started = performance.now();
-    const child = spawn(command, args, { env, cwd, stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    let err = '';
-    let timedOut = false;
-    let ms = 0;
-    let status = null;
-    child.stdout.setEncoding('utf8').on('data', (data) => { out += data; });
-    child.stderr.setEncoding('utf8').on('data', (data) => { err += data; });
-    const limit = setTimeout(() => { timedOut = true; child.kill('SIGKILL'); }, callLimitMs);
-    const done = () => {
-      clearTimeout(limit);
-      resolve({ out, err, status, ms, timedOut });
-    };
-    child.on('error', (error) => { err += error.message; status = -1; ms = performance.now() - started; done(); });
-    child.on('exit', (code, signal) => {
-      ms = performance.now() - started;
-      status = code ?? signal;
-      let closed = false;
-      child.on('close', () => { closed = true; done(); });
-      setTimeout(() => {
-        if (closed) return;
-        child.stdout.destroy();
-        child.stderr.destroy();
-        done();
-      }, 500);
-    });
-  });
-}
-
 // The first line of a message that says something (not a heading).
 const firstLine = (text) => (text.split('\n').map((l) => l.trim()).find((l) => l && !l.startsWith('#')) ?? '').slice(0, 120);
 const characters = (text) => { let n = 0; for (const _ of text) n += 1; return n; };
@@ -538,7 +504,7 @@ class Shell {
     Object.assign(this, tool.prepare(scratch));
   }
   async exec(args) {
-    return runCommand(this.command, [...this.prefix, ...args], this.env, this.cwd);
+    return runCommand(this.command, [...this.prefix, ...args], this.env, this.cwd, callLimitMs);
   }
   async run(record, args, options = {}) {
     const result = await this.exec(args);
@@ -915,45 +881,6 @@ const mcpTools = {
     },
   },
 };
-
-// The processes of a session: every one whose environment names its folder (the tool's
-// daemon, the back end, their Chromiums and crash handlers), however they detached.
-function sessionProcesses(scratch) {
-  const found = [];
-  for (const name of fs.readdirSync('/proc')) {
-    if (!/^\d+$/.test(name) || Number(name) === process.pid) continue;
-    try {
-      if (fs.readFileSync(`/proc/${name}/environ`, 'latin1').includes(scratch)) found.push(Number(name));
-    } catch {}
-  }
-  return found;
-}
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
-const parentOf = (pid) => {
-  try { const stat = fs.readFileSync(`/proc/${pid}/stat`, 'latin1'); return Number(stat.slice(stat.lastIndexOf(')') + 2).split(' ')[1]); } catch { return 0; }
-};
-// Asks the session's topmost processes to end (a daemon closes its browser), then the rest,
-// then kills what is left, each by its id.
-async function endSession(scratch) {
-  const waitFor = async (pids, tenths) => {
-    for (let i = 0; i < tenths && pids.some((pid) => fs.existsSync(`/proc/${pid}`)); i += 1) await sleep(100);
-  };
-  let left = sessionProcesses(scratch);
-  const top = left.filter((pid) => !left.includes(parentOf(pid)));
-  for (const pid of top) try { process.kill(pid, 'SIGTERM'); } catch {}
-  await waitFor(top, 30);
-  left = sessionProcesses(scratch);
-  for (const pid of left) try { process.kill(pid, 'SIGTERM'); } catch {}
-  await waitFor(left, 20);
-  for (const pid of sessionProcesses(scratch)) try { process.kill(pid, 'SIGKILL'); } catch {}
-  fs.rmSync(scratch, { recursive: true, force: true });
-}
-
-function scratchFor(root, name) {
-  const scratch = fs.mkdtempSync(path.join(root, name.replace(/[^a-z]+/g, '') + '-'));
-  for (const folder of ['home', 'tmp']) fs.mkdirSync(path.join(scratch, folder));
-  return scratch;
-}
 
 // Does one task, answering its record with whether the answer was in what the tool returned.
 async function attempt(record, work) {
