@@ -29,18 +29,14 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import { McpClient } from './mcp-client.mjs';
-import { endSession, runCommand, scratchFor, sessionProcesses, sleep } from './sessions.mjs';
+import {
+  asRoot, callLimitMs, chromium, endSession, hostRules, modules, runCommand, scratchFor, sessionsRoot, sleep,
+} from './sessions.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const build = path.resolve(process.argv[2] ?? path.join(here, '..', 'build-bench'));
 const only = process.argv.slice(3);
 const keep = process.env.NUREL_BENCH_KEEP;
-const callLimitMs = 60000;
-const chromium = process.env.NUREL_CHROMIUM ||
-  ['/usr/bin/chromium', '/usr/bin/chromium-headless-shell'].find((p) => fs.existsSync(p));
-const hostRules = '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1';
-const modules = path.join(here, 'node_modules');
-const asRoot = process.getuid?.() === 0;
 const corpus = fs.readFileSync(path.join(here, '..', 'tests', 'pages', 'hidden.html'), 'utf8');
 
 const markers = (word, count) => Array.from({ length: count }, (_, i) => word + String(i + 1).padStart(2, '0'));
@@ -248,16 +244,8 @@ async function main() {
   if (keep) fs.mkdirSync(keep, { recursive: true });
   const server = await serve();
   const url = `http://127.0.0.1:${server.address().port}/hidden.html`;
-  const root = fs.mkdtempSync(path.join(os.tmpdir(), 'nurel-hidden-'));
+  const root = sessionsRoot('nurel-hidden-');
   console.log(`The hidden-text corpus (tests/pages/hidden.html) read by each tool, every browser ${chromium}`);
-  // However the run ends, no session outlives it.
-  process.on('exit', () => {
-    if (!fs.existsSync(root)) return;
-    for (const name of fs.readdirSync(root)) for (const pid of sessionProcesses(path.join(root, name))) try { process.kill(pid, 'SIGKILL'); } catch {}
-    fs.rmSync(root, { recursive: true, force: true });
-  });
-  process.on('SIGINT', () => process.exit(130));
-  process.on('SIGTERM', () => process.exit(143));
   const rows = [];
   try {
     for (const name of Object.keys(tools).filter((n) => !only.length || only.includes(n))) {

@@ -3,7 +3,18 @@
 // the session found by its folder and ended with it.
 import { spawn } from 'node:child_process';
 import fs from 'node:fs';
+import os from 'node:os';
 import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+// What every session shares: the pinned packages, the system Chromium, the one address it may
+// reach, and the time a command may take.
+export const modules = path.join(path.dirname(fileURLToPath(import.meta.url)), 'node_modules');
+export const chromium = process.env.NUREL_CHROMIUM ||
+  ['/usr/bin/chromium', '/usr/bin/chromium-headless-shell'].find((p) => fs.existsSync(p));
+export const hostRules = '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1';
+export const asRoot = process.getuid?.() === 0;
+export const callLimitMs = 60000;
 
 // Runs one command to its end or its time limit (`limitMs`): what it printed, its status, its
 // wall time (to its exit: a daemon it leaves behind may keep its output open a little longer).
@@ -77,4 +88,18 @@ export function scratchFor(root, name) {
   const scratch = fs.mkdtempSync(path.join(root, name.replace(/[^a-z]+/g, '') + '-'));
   for (const folder of ['home', 'tmp']) fs.mkdirSync(path.join(scratch, folder));
   return scratch;
+}
+
+// A folder for a run's sessions, removed with every process left in it however the run ends
+// (done, interrupted, or a crash).
+export function sessionsRoot(prefix) {
+  const root = fs.mkdtempSync(path.join(os.tmpdir(), prefix));
+  process.on('exit', () => {
+    if (!fs.existsSync(root)) return;
+    for (const name of fs.readdirSync(root)) for (const pid of sessionProcesses(path.join(root, name))) try { process.kill(pid, 'SIGKILL'); } catch {}
+    fs.rmSync(root, { recursive: true, force: true });
+  });
+  process.on('SIGINT', () => process.exit(130));
+  process.on('SIGTERM', () => process.exit(143));
+  return root;
 }

@@ -41,18 +41,14 @@ import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import { McpClient } from './mcp-client.mjs';
-import { endSession, runCommand, scratchFor, sessionProcesses, sleep } from './sessions.mjs';
+import {
+  asRoot, callLimitMs, chromium, endSession, hostRules, modules, runCommand, scratchFor, sessionsRoot, sleep,
+} from './sessions.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const build = path.resolve(process.argv[2] ?? path.join(here, '..', 'build-bench'));
 const runs = Math.max(1, Number(process.argv[3] ?? 3));
 const keep = process.env.NUREL_BENCH_KEEP;
-const callLimitMs = 60000;
-const chromium = process.env.NUREL_CHROMIUM ||
-  ['/usr/bin/chromium', '/usr/bin/chromium-headless-shell'].find((p) => fs.existsSync(p));
-const hostRules = '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1';
-const modules = path.join(here, 'node_modules');
-const asRoot = process.getuid?.() === 0;
 
 // a. A to-do list routed by the address's hash (#/, #/active, #/completed), as the classic to-do
 // apps are: a row's checkbox has no name of its own (the item's text is a <label> beside it, not
@@ -1022,19 +1018,11 @@ async function main() {
   if (keep) fs.mkdirSync(keep, { recursive: true });
   const server = await serve();
   const base = `http://127.0.0.1:${server.address().port}/`;
-  const root = fs.mkdtempSync(path.join(os.tmpdir(), 'nurel-tasks-'));
+  const root = sessionsRoot('nurel-tasks-');
   const fresh = (names) => Object.fromEntries(['start', ...taskNames].map((t) => [t, Object.fromEntries(names.map((n) => [n, []]))]));
   const cli = fresh(Object.keys(cliTools));
   const mcp = fresh(Object.keys(mcpTools));
   console.log(`Tasks on pages of the benchmark's own, ${runs} run${runs > 1 ? 's' : ''}, every browser ${chromium}`);
-  // However the run ends (interrupted, or a crash), no session outlives it.
-  process.on('exit', () => {
-    if (!fs.existsSync(root)) return;
-    for (const name of fs.readdirSync(root)) for (const pid of sessionProcesses(path.join(root, name))) try { process.kill(pid, 'SIGKILL'); } catch {}
-    fs.rmSync(root, { recursive: true, force: true });
-  });
-  process.on('SIGINT', () => process.exit(130));
-  process.on('SIGTERM', () => process.exit(143));
   try {
     for (let run = 0; run < runs; ++run) {
       for (const [kind, tools, session, into] of [['cli', cliTools, cliSession, cli], ['mcp', mcpTools, mcpSession, mcp]]) {
