@@ -148,8 +148,9 @@ class Browser {
   std::string go(const std::shared_ptr<Tab>& tab, const std::string& url);
   std::string goInHistory(const Json& params, int step);
   // Runs an expression in the tab's own isolated world (out of the page's reach) and returns
-  // its value, with one of our libraries made available there first.
-  enum class Library { none, readability, page };
+  // its value, with our libraries made available there first (`article`: both, for the text
+  // Readability finds in what a person sees).
+  enum class Library { none, readability, page, article };
   Json inWorld(const std::shared_ptr<Tab>& tab, const std::string& expression,
                Library library = Library::none);
   // The id of the tab's isolated world, made and given `library` when it needs them.

@@ -83,9 +83,10 @@ Json Browser::inWorld(const std::shared_ptr<Tab>& tab, const std::string& expres
       // A library is evaluated once in each world: the world's events tell when it goes (and
       // a call in one gone meanwhile fails, and is made again in the new one). Asking first
       // whether it is there cost each call a round trip.
-      unsigned bit = 1u << unsigned(library);
-      if (library != Library::none && !(loaded & bit)) {
-        bool page = library == Library::page;
+      for (Library one : {Library::page, Library::readability}) {
+        unsigned bit = 1u << unsigned(one);
+        if ((library != one && library != Library::article) || (loaded & bit)) continue;
+        bool page = one == Library::page;
         Json there = call("Runtime.evaluate",
                           {{"expression", page ? "typeof __nurel === 'object'"
                                                : "typeof Readability === 'function'"},
@@ -224,10 +225,8 @@ Json Browser::text(const Json& params) {
   auto tab = tabFor(params);
   bool all = flagParam(params, "all");
   double limit = numberParam(params, "limit", double(textLimit));
-  // page.js judges what a person sees; the article also needs Readability beside it.
-  if (!all) inWorld(tab, "0", Library::page);
   Json value = inWorld(tab, "(" + std::string(scripts::text) + ")(" + (all ? "true" : "false") + ")",
-                       all ? Library::page : Library::readability);
+                       all ? Library::page : Library::article);
   std::string text = value.is_object() ? value.value("text", "") : std::string();
   std::string hidden = value.is_object() ? leftOut(value.value("hidden", 0)) : std::string();
   if (text.empty()) return "the page has no text" + hidden;
@@ -243,7 +242,9 @@ Json Browser::text(const Json& params) {
 Json Browser::describe(const Json& params) {
   auto tab = tabFor(params);
   Json value = inWorld(tab, std::string(scripts::describe), Library::page);
-  return value.is_string() ? value : Json("the page has nothing to describe");
+  std::string text = value.is_object() ? value.value("text", "") : std::string();
+  if (text.empty()) return "the page has nothing to describe";
+  return text + leftOut(value.value("hidden", 0));
 }
 
 Json Browser::wait(const Json& params) {

@@ -82,6 +82,5 @@
     lines.push(`scrolled ${Math.round(scrollY)} of ${Math.max(0, height - innerHeight)} px ` +
       `(the screen shows ${innerHeight} px of ${height})`);
   }
-  if (seen.hidden) lines.push(`(${seen.hidden} hidden text${seen.hidden === 1 ? '' : 's'} left out)`);
-  return lines.join('\n');
+  return { text: lines.join('\n'), hidden: seen.hidden };
 })()
